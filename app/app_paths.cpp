@@ -1,0 +1,291 @@
+#include "app/app_paths.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
+#include <exception>
+#include <utility>
+
+#include "app/klog.h"
+#include "app/settings.h"
+#include "core/store/locations.h"
+#include "core/store/orvel_db.h"
+
+#ifdef __APPLE__
+#include <mach-o/dyld.h>
+#endif
+
+namespace orvel::app {
+namespace fs = std::filesystem;
+
+namespace {
+
+bool isFile(const fs::path& p) {
+  std::error_code ec;
+  return !p.empty() && fs::is_regular_file(p, ec);
+}
+
+bool isExecutableFile(const fs::path& p) { return isFile(p) && ::access(p.c_str(), X_OK) == 0; }
+
+// The folder of the running program, or empty when the system will not say.
+const fs::path& exeDir() {
+  static const fs::path dir = [] {
+    std::error_code ec;
+#ifdef __APPLE__
+    uint32_t size = 0;
+    _NSGetExecutablePath(nullptr, &size);
+    std::string buf(size, '\0');
+    if (_NSGetExecutablePath(buf.data(), &size) != 0) return fs::path();
+    fs::path exe = fs::weakly_canonical(fs::path(buf.c_str()), ec);
+#else
+    fs::path exe = fs::read_symlink("/proc/self/exe", ec);
+#endif
+    return ec ? fs::path() : exe.parent_path();
+  }();
+  return dir;
+}
+
+fs::path resourcesOverride() {
+  const char* root = std::getenv("ORVEL_RESOURCES");
+  return root != nullptr && root[0] != '\0' ? fs::path(root) : fs::path();
+}
+
+fs::path developerDir() { return locations::home() / "Developer" / "orvel"; }
+
+std::optional<fs::path> firstFile(std::initializer_list<fs::path> candidates) {
+  for (const fs::path& p : candidates) {
+    if (isFile(p)) return p.lexically_normal();
+  }
+  return std::nullopt;
+}
+
+// A path under `base` only when `base` is known; an empty candidate is skipped.
+fs::path under(const fs::path& base, const fs::path& rel) {
+  return base.empty() ? fs::path() : base / rel;
+}
+
+double secondsSinceEpoch() {
+  using namespace std::chrono;
+  return duration<double>(system_clock::now().time_since_epoch()).count();
+}
+
+// "20261114T185949": sorts in time order, and is safe in any file system.
+std::string backupStamp() {
+  const std::time_t t = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+  std::tm tm{};
+  gmtime_r(&t, &tm);
+  char buf[32];
+  std::strftime(buf, sizeof buf, "%Y%m%dT%H%M%S", &tm);
+  return buf;
+}
+
+// Backups sort by time stamp, then by the "-N" added for a second backup in
+// the same second. Plain name order would put "…T185949-2.db" before
+// "…T185949.db" ('-' sorts before '.'), pruning the newer of the two.
+std::pair<std::string, long> backupOrder(const fs::path& file) {
+  const std::string stem = file.stem().string();
+  const auto dash = stem.rfind('-');
+  const std::string_view prefix = "orvel-";
+  if (dash != std::string::npos && dash > prefix.size() && dash + 1 < stem.size() &&
+      std::all_of(stem.begin() + static_cast<long>(dash) + 1, stem.end(),
+                  [](char c) { return c >= '0' && c <= '9'; })) {
+    return {stem.substr(0, dash), std::strtol(stem.c_str() + dash + 1, nullptr, 10)};
+  }
+  return {stem, 1};
+}
+
+void pruneBackups(const fs::path& dir, int keep) {
+  std::vector<fs::path> files;
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator(dir, ec)) {
+    const std::string name = entry.path().filename().string();
+    if (name.starts_with("orvel-") && entry.is_regular_file(ec)) files.push_back(entry.path());
+  }
+  if (files.size() <= static_cast<size_t>(keep)) return;
+  std::sort(files.begin(), files.end(), [](const fs::path& a, const fs::path& b) {
+    return backupOrder(a) < backupOrder(b);
+  });
+  const size_t excess = files.size() - static_cast<size_t>(keep);
+  for (size_t i = 0; i < excess; ++i) fs::remove(files[i], ec);
+}
+
+}  // namespace
+
+const fs::path& AppPaths::support() {
+  static const fs::path dir = [] {
+    fs::path d = locations::supportDir();
+    std::error_code ec;
+    fs::create_directories(d, ec);
+    return d;
+  }();
+  return dir;
+}
+
+const fs::path& AppPaths::database() {
+  static const fs::path db = resolveDatabase(support(), developerDir() / "orvel.db");
+  return db;
+}
+
+fs::path AppPaths::resolveDatabase(const fs::path& supportDir, const fs::path& devCopy) {
+  const fs::path target = supportDir / "orvel.db";
+  if (!isFile(devCopy)) return target;
+  std::error_code ec;
+  if (fs::exists(target, ec)) {
+    const auto size = fs::file_size(target, ec);
+    if (ec || size != 0) return target;
+    fs::remove(target, ec);
+    // An empty catalogue's journal files belong to it alone; left behind,
+    // SQLite would replay them over the copied database.
+    for (const char* suffix : {"-wal", "-shm", "-journal"}) {
+      fs::remove(fs::path(target.string() + suffix), ec);
+    }
+  }
+  fs::create_directories(supportDir, ec);
+  if (fs::copy_file(devCopy, target, fs::copy_options::overwrite_existing, ec)) {
+    klog(kMigratedMessage);
+  }
+  return target;
+}
+
+std::optional<fs::path> AppPaths::script(std::string_view name) {
+  if (name.empty()) return std::nullopt;
+  const fs::path n(name);
+  return firstFile({
+      under(resourcesOverride(), "scripts" / n),
+      under(exeDir(), "scripts" / n),
+      under(exeDir(), "../share/orvel/scripts" / n),
+#ifdef __APPLE__
+      under(exeDir(), "../Resources/Scripts" / n),
+#endif
+#ifdef ORVEL_SOURCE_DIR
+      fs::path(ORVEL_SOURCE_DIR) / "resources/scripts" / n,
+#endif
+      developerDir() / "Scripts" / n,
+  });
+}
+
+std::optional<fs::path> AppPaths::sound(std::string_view name) {
+  if (name.empty()) return std::nullopt;
+  const fs::path n = std::string(name) + ".wav";
+  return firstFile({
+      under(resourcesOverride(), "sounds" / n),
+      under(exeDir(), "sounds" / n),
+      under(exeDir(), "../share/orvel/sounds" / n),
+#ifdef __APPLE__
+      under(exeDir(), "../Resources/sounds" / n),
+#endif
+#ifdef ORVEL_SOURCE_DIR
+      fs::path(ORVEL_SOURCE_DIR) / "resources/sounds" / n,
+#endif
+      developerDir() / "Resources" / "sounds" / n,
+  });
+}
+
+std::optional<fs::path> AppPaths::helper(std::string_view name) {
+  if (name.empty()) return std::nullopt;
+  const fs::path n(name);
+  return firstFile({
+      under(exeDir(), n),
+#ifdef ORVEL_BUILD_DIR
+      fs::path(ORVEL_BUILD_DIR) / "tools/keyfinder" / n,
+      fs::path(ORVEL_BUILD_DIR) / n,
+#endif
+      developerDir() / "build" / n,
+  });
+}
+
+fs::path AppPaths::python() {
+  for (const char* candidate :
+       {"/opt/homebrew/bin/python3", "/usr/local/bin/python3", "/usr/bin/python3"}) {
+    if (isExecutableFile(candidate)) return candidate;
+  }
+  return "/usr/bin/env";
+}
+
+std::vector<std::string> AppPaths::pythonArgs(std::vector<std::string> args) {
+  if (python() == "/usr/bin/env") args.insert(args.begin(), "python3");
+  return args;
+}
+
+bool AppPaths::pythonWorks() {
+  static const bool works = [] {
+    QStringList args;
+    for (const std::string& a : pythonArgs({"-c", "1"})) args << QString::fromStdString(a);
+    QProcess process;
+    process.setStandardOutputFile(QProcess::nullDevice());
+    process.setStandardErrorFile(QProcess::nullDevice());
+    process.start(QString::fromStdString(python().string()), args);
+    if (!process.waitForStarted()) return false;
+    // A healthy interpreter answers in well under a second; one that hangs
+    // must not hang the caller with it.
+    if (!process.waitForFinished(30000)) {
+      process.kill();
+      process.waitForFinished();
+      return false;
+    }
+    return process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+  }();
+  return works;
+}
+
+bool AppPaths::backupDatabase(int keep, Settings& settings) {
+  return backupDatabase(database(), keep, settings);
+}
+
+bool AppPaths::backupDatabase(const fs::path& db, int keep, Settings& settings) {
+  const double now = secondsSinceEpoch();
+  const double last = settings.lastLibraryBackup();
+  // A stamp from the future (a clock set wrong once) would otherwise stop
+  // backups until the clock caught up with it.
+  if (last <= now && now - last <= kBackupInterval) return false;
+  settings.setLastLibraryBackup(now);
+  return backupDatabaseNow(db, keep).has_value();
+}
+
+std::optional<fs::path> AppPaths::backupDatabaseNow(int keep) {
+  return backupDatabaseNow(database(), keep);
+}
+
+std::optional<fs::path> AppPaths::backupDatabaseNow(const fs::path& db, int keep) {
+  keep = std::max(keep, 1);
+  const fs::path dir = locations::backupsDir();
+  std::error_code ec;
+  fs::create_directories(dir, ec);
+
+  const std::string stamp = backupStamp();
+  fs::path target = dir / fmt::format("orvel-{}.db", stamp);
+  for (int n = 2; fs::exists(target, ec); ++n) target = dir / fmt::format("orvel-{}-{}.db", stamp, n);
+
+  bool copied = false;
+  // Opening a missing catalogue would create an empty one, and back that up.
+  if (isFile(db)) {
+    try {
+      const OrvelDB source(db.string());
+      copied = source.backup(target.string());
+    } catch (const std::exception&) {
+      copied = false;
+    }
+  }
+  if (!copied) {
+    // A half-written file must not count as a backup, nor push a good one out.
+    fs::remove(target, ec);
+    klog("backup failed");
+    return std::nullopt;
+  }
+
+  pruneBackups(dir, keep);
+  const auto bytes = fs::file_size(target, ec);
+  const double megabytes = ec ? 0.0 : static_cast<double>(bytes) / 1e6;
+  klog(fmt::format("library backed up: {:.1f} MB, keeping {}", megabytes, keep));
+  return target;
+}
+
+}  // namespace orvel::app

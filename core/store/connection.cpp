@@ -1,0 +1,121 @@
+#include "core/store/connection.h"
+
+#include <chrono>
+#include <cstdio>
+
+namespace orvel {
+namespace {
+
+// The statement as one line for the compile-failure report: each line trimmed,
+// joined by single spaces, cut at 160 characters.
+std::string oneLine(std::string_view sql) {
+  std::string out;
+  size_t start = 0;
+  while (start <= sql.size()) {
+    size_t end = sql.find('\n', start);
+    if (end == std::string_view::npos) end = sql.size();
+    std::string_view line = sql.substr(start, end - start);
+    const auto first = line.find_first_not_of(" \t\r");
+    if (first != std::string_view::npos) {
+      line = line.substr(first, line.find_last_not_of(" \t\r") - first + 1);
+      if (!out.empty()) out += ' ';
+      out += line;
+    }
+    start = end + 1;
+  }
+  if (out.size() > 160) out.resize(160);
+  return out;
+}
+
+}  // namespace
+
+Connection::Connection(const std::string& path) {
+  const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX;
+  if (sqlite3_open_v2(path.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
+    std::string message = db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory";
+    sqlite3_close(db_);
+    db_ = nullptr;
+    throw StoreError(message);
+  }
+}
+
+Connection::~Connection() { sqlite3_close_v2(db_); }
+
+Statement Connection::prepare(std::string_view sql) const {
+  sqlite3_stmt* stmt = nullptr;
+  const std::string text(sql);
+  if (sqlite3_prepare_v2(db_, text.c_str(), -1, &stmt, nullptr) != SQLITE_OK) {
+    std::fprintf(stderr, "SQL WOULD NOT COMPILE: %s — %s\n", sqlite3_errmsg(db_),
+                 oneLine(sql).c_str());
+    sqlite3_finalize(stmt);
+    return Statement();
+  }
+  return Statement(stmt);
+}
+
+std::optional<std::string> Connection::execChecked(const std::string& sql) const {
+  char* err = nullptr;
+  const int rc = sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &err);
+  if (rc == SQLITE_OK) return std::nullopt;
+  if (err != nullptr) {
+    std::string message(err);
+    sqlite3_free(err);
+    return message;
+  }
+  return "sqlite error " + std::to_string(rc);
+}
+
+void Connection::execIgnoring(const std::string& sql) const {
+  sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, nullptr);
+}
+
+std::optional<int64_t> Connection::scalarInt(std::string_view sql) const {
+  Statement st = prepare(sql);
+  if (!st.step() || st.isNull(0)) return std::nullopt;
+  return st.int64(0);
+}
+
+int64_t Connection::count(std::string_view table) const {
+  return scalarInt("SELECT COUNT(*) FROM " + std::string(table)).value_or(0);
+}
+
+std::vector<int64_t> Connection::ids(std::string_view sql) const {
+  std::vector<int64_t> out;
+  Statement st = prepare(sql);
+  while (st.step()) out.push_back(st.int64(0));
+  return out;
+}
+
+Transaction::Transaction(const Connection& conn) : conn_(conn) {
+  if (!conn_.inTransaction()) {
+    conn_.begin();
+    owner_ = true;
+  }
+}
+
+Transaction::~Transaction() {
+  if (owner_ && !done_) conn_.rollback();
+}
+
+void Transaction::commit() {
+  if (owner_ && !done_) conn_.commit();
+  done_ = true;
+}
+
+std::string joinIds(std::span<const int64_t> ids) {
+  std::string out;
+  out.reserve(ids.size() * 7);
+  for (size_t i = 0; i < ids.size(); ++i) {
+    if (i != 0) out += ',';
+    out += std::to_string(ids[i]);
+  }
+  return out;
+}
+
+int64_t unixNow() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+}  // namespace orvel

@@ -1,0 +1,81 @@
+// The one SQLite connection of a catalogue, opened in serialized (full-mutex)
+// mode, and the small statement helpers every store unit uses. Helpers never
+// throw for SQL faults: a statement that does not compile is reported on
+// stderr ("SQL WOULD NOT COMPILE: …") and behaves as an empty result.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/store/statement.h"
+
+namespace orvel {
+
+// Thrown only when a catalogue cannot be opened; carries SQLite's own message.
+class StoreError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+class Connection {
+ public:
+  // Opens read-write, create, full mutex; throws StoreError with SQLite's text.
+  explicit Connection(const std::string& path);
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+  ~Connection();
+
+  sqlite3* handle() const { return db_; }
+
+  Statement prepare(std::string_view sql) const;
+  // Returns SQLite's message on failure ("sqlite error N" when it gave none).
+  std::optional<std::string> execChecked(const std::string& sql) const;
+  // Runs a statement whose failure is expected and harmless (idempotent upgrades).
+  void execIgnoring(const std::string& sql) const;
+  std::optional<int64_t> scalarInt(std::string_view sql) const;
+  int64_t count(std::string_view table) const;
+  std::vector<int64_t> ids(std::string_view sql) const;
+
+  void begin() const { execIgnoring("BEGIN"); }
+  void commit() const { execIgnoring("COMMIT"); }
+  void rollback() const { execIgnoring("ROLLBACK"); }
+  bool inTransaction() const { return sqlite3_get_autocommit(db_) == 0; }
+  int64_t changes() const { return sqlite3_changes64(db_); }
+  int64_t lastInsertId() const { return sqlite3_last_insert_rowid(db_); }
+  std::string errorMessage() const { return sqlite3_errmsg(db_); }
+
+ private:
+  sqlite3* db_ = nullptr;
+};
+
+// A transaction that rolls back unless committed. Inside an open transaction
+// it joins the outer one (SQLite has no nested BEGIN), so store operations can
+// call each other and still be atomic as a whole.
+class Transaction {
+ public:
+  explicit Transaction(const Connection& conn);
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+  ~Transaction();
+  void commit();
+
+ private:
+  const Connection& conn_;
+  bool owner_ = false;
+  bool done_ = false;
+};
+
+// "1,2,3" for an IN (…) list. Ids are integers, so the text is always safe SQL.
+std::string joinIds(std::span<const int64_t> ids);
+
+// Unix seconds now.
+int64_t unixNow();
+
+}  // namespace orvel

@@ -1,0 +1,407 @@
+#include "core/store/journal.h"
+
+#include <nlohmann/json.hpp>
+#include <unicode/locid.h>
+#include <unicode/uchar.h>
+#include <unicode/unistr.h>
+
+#include <algorithm>
+#include <cctype>
+#include <random>
+#include <set>
+
+namespace orvel {
+namespace {
+
+using nlohmann::json;
+
+// Tables whose whole rows may be recorded and put back. A history row naming
+// any other table is ignored, so a foreign or damaged row cannot write
+// anywhere else.
+const std::set<std::string, std::less<>> kRowTables = {
+    "tracks",  "playlists",       "cues",        "beatgrids",      "smart_playlists",
+    "sources", "track_options",   "track_tags",  "release_fields", "track_sources",
+    "waveforms"};
+
+bool validIdentifier(std::string_view s) {
+  if (s.empty()) return false;
+  return std::all_of(s.begin(), s.end(),
+                     [](unsigned char c) { return std::isalnum(c) || c == '_'; });
+}
+
+json columnValue(const Statement& st, int col) {
+  switch (sqlite3_column_type(st.get(), col)) {
+    case SQLITE_INTEGER: return st.int64(col);
+    case SQLITE_FLOAT: return st.real(col);
+    case SQLITE_NULL: return nullptr;
+    case SQLITE_BLOB: {
+      // Blobs travel as {"hex": "…"}; no journaled table keeps one today,
+      // but a row with one must still come back whole.
+      static constexpr char kHex[] = "0123456789abcdef";
+      std::string hex;
+      for (uint8_t b : st.blob(col)) {
+        hex += kHex[b >> 4];
+        hex += kHex[b & 15];
+      }
+      return json{{"hex", hex}};
+    }
+    default: return st.text(col);
+  }
+}
+
+void bindJson(Statement& st, int index, const json& v) {
+  if (v.is_null()) {
+    st.bindNull(index);
+  } else if (v.is_number_integer()) {
+    st.bind(index, v.get<int64_t>());
+  } else if (v.is_number()) {
+    st.bind(index, v.get<double>());
+  } else if (v.is_object() && v.contains("hex") && v["hex"].is_string()) {
+    const std::string hex = v["hex"].get<std::string>();
+    std::vector<uint8_t> bytes;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2)
+      bytes.push_back(static_cast<uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    st.bindBlob(index, bytes);
+  } else if (v.is_string()) {
+    st.bind(index, v.get<std::string>());
+  } else {
+    st.bind(index, v.dump());
+  }
+}
+
+uint32_t randomU32() {
+  thread_local std::mt19937 gen{std::random_device{}()};
+  return static_cast<uint32_t>(gen());
+}
+
+}  // namespace
+
+void Journal::ensureSchema() const {
+  conn_.execIgnoring(
+      "CREATE TABLE IF NOT EXISTS history("
+      "id INTEGER PRIMARY KEY, op_id TEXT NOT NULL, op_name TEXT NOT NULL, entity TEXT NOT NULL, "
+      "entity_id INTEGER NOT NULL, field TEXT NOT NULL, old_value TEXT, new_value TEXT, "
+      "at INTEGER NOT NULL, undone INTEGER NOT NULL DEFAULT 0);"
+      "CREATE INDEX IF NOT EXISTS idx_history_op ON history(op_id);"
+      "CREATE INDEX IF NOT EXISTS idx_history_at ON history(at DESC);");
+}
+
+std::string Journal::slug(std::string_view opName) {
+  // Letters and digits of any script stay ("café" keeps its é); every other
+  // character becomes a dash; runs of dashes collapse and none lead or trail.
+  icu::UnicodeString name = icu::UnicodeString::fromUTF8(
+      icu::StringPiece(opName.data(), static_cast<int32_t>(opName.size())));
+  name.toLower(icu::Locale::getRoot());
+  icu::UnicodeString out;
+  int32_t kept = 0;
+  bool pendingDash = false;
+  for (int32_t i = 0; i < name.length() && kept < 24;) {
+    const UChar32 c = name.char32At(i);
+    i += U16_LENGTH(c);
+    if (!u_isalnum(c)) {
+      pendingDash = out.length() > 0;
+      continue;
+    }
+    if (pendingDash) {
+      out.append(u'-');
+      pendingDash = false;
+      if (++kept == 24) break;
+    }
+    out.append(c);
+    ++kept;
+  }
+  std::string utf8;
+  out.toUTF8String(utf8);
+  return utf8;
+}
+
+std::string Journal::makeOpId(std::string_view opName, int64_t unixSeconds, uint32_t random) {
+  return std::to_string(unixSeconds) + "-" + std::to_string(random) + "-" + slug(opName);
+}
+
+std::string Journal::begin(std::string_view opName) const {
+  return makeOpId(opName, unixNow(), randomU32());
+}
+
+void Journal::record(const std::string& opId, const std::string& opName, const std::string& entity,
+                     int64_t entityId, const std::string& field,
+                     const std::optional<std::string>& oldValue,
+                     const std::optional<std::string>& newValue) const {
+  Statement st = conn_.prepare(
+      "INSERT INTO history(op_id, op_name, entity, entity_id, field, old_value, new_value, at)\n"
+      "VALUES(?,?,?,?,?,?,?,?)");
+  st.bind(1, opId).bind(2, opName).bind(3, entity).bind(4, entityId).bind(5, field);
+  st.bind(6, oldValue).bind(7, newValue).bind(8, unixNow());
+  st.stepCode();
+}
+
+void Journal::recordCurrent(const std::string& opId, const std::string& opName,
+                            const std::string& table, std::span<const int64_t> ids,
+                            const std::string& field,
+                            const std::optional<std::string>& newValue) const {
+  if (ids.empty() || !validIdentifier(table) || !validIdentifier(field)) return;
+  Transaction tx(conn_);
+  Statement read = conn_.prepare("SELECT id, CAST(" + field + " AS TEXT) FROM " + table +
+                                 " WHERE id IN (" + joinIds(ids) + ")");
+  Statement ins = conn_.prepare(
+      "INSERT INTO history(op_id, op_name, entity, entity_id, field, old_value, new_value, at)\n"
+      "VALUES(?,?,?,?,?,?,?,?)");
+  const int64_t now = unixNow();
+  while (read.step()) {
+    ins.reset();
+    ins.bind(1, opId).bind(2, opName).bind(3, table).bind(4, read.int64(0)).bind(5, field);
+    ins.bind(6, read.optText(1)).bind(7, newValue).bind(8, now);
+    ins.stepCode();
+  }
+  tx.commit();
+}
+
+std::optional<std::string> Journal::primaryKey(const std::string& table) const {
+  Statement st = conn_.prepare("SELECT name FROM pragma_table_info(?) WHERE pk = 1");
+  st.bind(1, table);
+  if (!st.step()) return std::nullopt;
+  std::string name = st.text(0);
+  if (st.step()) return std::nullopt;  // a composite key has no single row id
+  return name;
+}
+
+std::optional<std::string> Journal::rowJSON(const std::string& table, int64_t id) const {
+  if (!kRowTables.contains(table)) return std::nullopt;
+  const auto pk = primaryKey(table);
+  if (!pk) return std::nullopt;
+  Statement st = conn_.prepare("SELECT * FROM " + table + " WHERE " + *pk + " = ?");
+  st.bind(1, id);
+  if (!st.step()) return std::nullopt;
+  json row = json::object();
+  const int n = sqlite3_column_count(st.get());
+  for (int c = 0; c < n; ++c) row[sqlite3_column_name(st.get(), c)] = columnValue(st, c);
+  return row.dump();
+}
+
+std::string Journal::membersJSON(int64_t playlistId) const {
+  json members = json::array();
+  Statement st =
+      conn_.prepare("SELECT track_id FROM playlist_tracks WHERE playlist_id = ? ORDER BY position");
+  st.bind(1, playlistId);
+  while (st.step()) members.push_back(st.int64(0));
+  return members.dump();
+}
+
+void Journal::snapshotRow(const std::string& opId, const std::string& opName,
+                          const std::string& table, int64_t id) const {
+  record(opId, opName, table, id, std::string(kRowField), rowJSON(table, id), std::nullopt);
+}
+
+void Journal::snapshotPlaylist(const std::string& opId, const std::string& opName,
+                               int64_t playlistId) const {
+  record(opId, opName, "playlists", playlistId, std::string(kMembersField), membersJSON(playlistId),
+         std::nullopt);
+}
+
+void Journal::recordCreated(const std::string& opId, const std::string& opName,
+                            const std::string& table, int64_t id) const {
+  record(opId, opName, table, id, std::string(kRowField), std::nullopt, rowJSON(table, id));
+}
+
+void Journal::seal(const std::string& opId) const {
+  std::vector<std::tuple<int64_t, std::string, int64_t, std::string>> pending;
+  {
+    // Entries made by recordCreated already carry their new value.
+    Statement st = conn_.prepare(
+        "SELECT id, entity, entity_id, field FROM history WHERE op_id = ? AND new_value IS NULL "
+        "AND field IN ('@row', '@members')");
+    st.bind(1, opId);
+    while (st.step()) pending.emplace_back(st.int64(0), st.text(1), st.int64(2), st.text(3));
+  }
+  Statement up = conn_.prepare("UPDATE history SET new_value = ? WHERE id = ?");
+  for (const auto& [rowId, entity, entityId, field] : pending) {
+    up.reset();
+    if (field == kMembersField)
+      up.bind(1, membersJSON(entityId));
+    else
+      up.bind(1, rowJSON(entity, entityId));
+    up.bind(2, rowId).stepCode();
+  }
+}
+
+bool Journal::restoreRow(const std::string& table, int64_t id,
+                         const std::optional<std::string>& value) const {
+  if (!kRowTables.contains(table)) return false;
+  const json parsed = value ? json::parse(*value, nullptr, false) : json();
+  if (value && parsed.is_discarded()) return false;
+
+  if (parsed.is_array()) {
+    // A member list; only playlists have one.
+    if (table != "playlists") return false;
+    conn_.execIgnoring("DELETE FROM playlist_tracks WHERE playlist_id = " + std::to_string(id));
+    Statement ins = conn_.prepare(
+        "INSERT OR IGNORE INTO playlist_tracks(playlist_id, track_id, position) VALUES(?,?,?)");
+    int64_t position = 0;
+    for (const auto& member : parsed) {
+      if (!member.is_number_integer()) continue;
+      ins.reset();
+      ins.bind(1, id).bind(2, member.get<int64_t>()).bind(3, position++).stepCode();
+    }
+    return true;
+  }
+
+  const auto pk = primaryKey(table);
+  if (!pk) return false;
+  if (!parsed.is_object()) {
+    // No recorded row: the row did not exist at that moment.
+    Statement del = conn_.prepare("DELETE FROM " + table + " WHERE " + *pk + " = ?");
+    del.bind(1, id);
+    return del.stepCode() == SQLITE_DONE;
+  }
+
+  std::set<std::string, std::less<>> columns;
+  {
+    Statement st = conn_.prepare("SELECT name FROM pragma_table_info(?)");
+    st.bind(1, table);
+    while (st.step()) columns.insert(st.text(0));
+  }
+  std::string names;
+  std::string marks;
+  std::vector<const json*> values;
+  for (const auto& [name, v] : parsed.items()) {
+    if (!columns.contains(name) || name == *pk) continue;
+    names += "," + name;
+    marks += ",?";
+    values.push_back(&v);
+  }
+  Statement ins = conn_.prepare("INSERT OR REPLACE INTO " + table + "(" + *pk + names +
+                                ") VALUES(?" + marks + ")");
+  ins.bind(1, id);
+  for (size_t i = 0; i < values.size(); ++i) bindJson(ins, static_cast<int>(i + 2), *values[i]);
+  return ins.stepCode() == SQLITE_DONE;
+}
+
+std::vector<Journal::Operation> Journal::operations(int limit) const {
+  std::vector<Operation> out;
+  Statement st = conn_.prepare(
+      "SELECT op_id, op_name, COUNT(*), MAX(at), MIN(undone), MAX(id)\n"
+      "FROM history GROUP BY op_id ORDER BY MAX(at) DESC, op_id DESC LIMIT ?");
+  st.bind(1, static_cast<int64_t>(limit));
+  while (st.step())
+    out.push_back({st.text(0), st.text(1), st.int64(2), st.int64(3), st.int64(4) != 0, st.int64(5)});
+  return out;
+}
+
+std::vector<Journal::Entry> Journal::entries(const std::string& opId) const {
+  std::vector<Entry> out;
+  Statement st = conn_.prepare(
+      "SELECT op_id, op_name, entity, entity_id, field, old_value, new_value, at, undone "
+      "FROM history WHERE op_id = ? ORDER BY id");
+  st.bind(1, opId);
+  while (st.step())
+    out.push_back({st.text(0), st.text(1), st.text(2), st.int64(3), st.text(4), st.optText(5),
+                   st.optText(6), st.int64(7), st.int64(8) != 0});
+  return out;
+}
+
+int Journal::undo(const std::string& opId) const { return apply(opId, true); }
+int Journal::redo(const std::string& opId) const { return apply(opId, false); }
+
+int Journal::apply(const std::string& opId, bool undoing) const {
+  struct Pending {
+    std::string entity;
+    int64_t entityId;
+    std::string field;
+    std::optional<std::string> value;
+  };
+  std::vector<Pending> pending;
+  {
+    // Undo walks newest first, redo oldest first, so that rows come back
+    // before the entries that refer to them.
+    Statement st = conn_.prepare(
+        undoing ? "SELECT entity, entity_id, field, old_value FROM history\n"
+                  "WHERE op_id = ? AND undone = 0 ORDER BY id DESC"
+                : "SELECT entity, entity_id, field, new_value FROM history\n"
+                  "WHERE op_id = ? AND undone = 1 ORDER BY id ASC");
+    st.bind(1, opId);
+    while (st.step()) pending.push_back({st.text(0), st.int64(1), st.text(2), st.optText(3)});
+  }
+  if (pending.empty()) return 0;
+
+  int applied = 0;
+  Transaction tx(conn_);
+  for (const auto& e : pending) {
+    if (e.field == kRowField || e.field == kMembersField) {
+      if (restoreRow(e.entity, e.entityId, e.value)) ++applied;
+      continue;
+    }
+    if (!isWritable(e.entity, e.field)) continue;
+    Statement up = conn_.prepare("UPDATE " + e.entity + " SET " + e.field + " = ? WHERE id = ?");
+    up.bind(1, e.value).bind(2, e.entityId);
+    if (up.stepCode() == SQLITE_DONE) ++applied;
+  }
+  Statement mark = conn_.prepare("UPDATE history SET undone = ? WHERE op_id = ?");
+  mark.bind(1, static_cast<int64_t>(undoing ? 1 : 0)).bind(2, opId).stepCode();
+  tx.commit();
+  return applied;
+}
+
+namespace {
+
+// The listing orders operations of the same second by op id, which carries a
+// random number; Undo and Redo need the order in which they really happened,
+// which the history row ids keep.
+std::vector<Journal::Operation> inRecordedOrder(std::vector<Journal::Operation> ops) {
+  std::stable_sort(ops.begin(), ops.end(), [](const auto& a, const auto& b) {
+    return a.at != b.at ? a.at > b.at : a.lastEntry > b.lastEntry;
+  });
+  return ops;
+}
+
+}  // namespace
+
+std::optional<Journal::Operation> Journal::lastUndoable() const {
+  for (auto& op : inRecordedOrder(operations(200)))
+    if (!op.undone) return op;
+  return std::nullopt;
+}
+
+std::optional<Journal::Operation> Journal::lastRedoable() const {
+  // Redo follows the undo stack: of the undone operations newer than every
+  // operation still in force, the oldest is the one undone last. A fresh edit
+  // after an undo closes that stack, as in any editor.
+  std::optional<Operation> candidate;
+  for (auto& op : inRecordedOrder(operations(200))) {
+    if (!op.undone) break;
+    candidate = op;
+  }
+  return candidate;
+}
+
+const std::vector<std::string>& Journal::writable(std::string_view entity) {
+  static const std::vector<std::string> kNone;
+  // The first 26 are the historical list; catalog_no … discogs_id have no
+  // column in `tracks`, so their writes fail harmlessly. The rest are the
+  // other fields a user can edit, so that each such edit can be undone.
+  static const std::vector<std::string> kTracks = {
+      "removed", "rating", "play_count", "genre", "artist", "album", "title", "comment",
+      "grouping", "label", "year", "bpm", "key", "energy", "catalog_no", "barcode", "country",
+      "release_format", "discogs_id", "volume_adjust", "production", "date_added", "path",
+      "file_missing", "flags", "master",
+      // user-editable beyond the historical list
+      "loved", "disliked", "album_artist", "composer", "track_number", "disc_number",
+      "track_count", "disc_count", "album_rating", "compilation", "work", "movement_name",
+      "movement_number", "sort_title", "sort_artist", "sort_album", "sort_album_artist",
+      "sort_composer", "isrc", "serato_label", "studio_status", "studio_note", "equalizer",
+      "description", "category", "release_date", "lyrics"};
+  static const std::vector<std::string> kPlaylists = {"name", "parent_id", "color", "sort_order",
+                                                      "kind"};
+  static const std::vector<std::string> kCues = {"position_ms", "length_ms", "color", "name",
+                                                 "idx", "bank", "kind"};
+  if (entity == "tracks") return kTracks;
+  if (entity == "playlists") return kPlaylists;
+  if (entity == "cues") return kCues;
+  return kNone;
+}
+
+bool Journal::isWritable(std::string_view entity, std::string_view field) {
+  const auto& list = writable(entity);
+  return std::find(list.begin(), list.end(), field) != list.end();
+}
+
+}  // namespace orvel

@@ -1,0 +1,109 @@
+// The edit history. Every user edit is written to `history` as one row per
+// changed field, grouped under an operation id, so any operation can be undone
+// or redone by id, also after a restart. Whole rows ("@row", a JSON object of
+// column to value) and playlist member lists ("@members", a JSON array of track
+// ids) are recorded the same way, so deletions and creations can be reversed.
+//
+// Shares the store's connection and adds no lock. Failures never throw.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/store/connection.h"
+
+namespace orvel {
+
+class Journal {
+ public:
+  struct Entry {
+    std::string opId;
+    std::string opName;
+    std::string entity;
+    int64_t entityId = 0;
+    std::string field;
+    std::optional<std::string> oldValue;
+    std::optional<std::string> newValue;
+    int64_t at = 0;
+    bool undone = false;
+  };
+
+  struct Operation {
+    std::string id;
+    std::string opName;
+    int64_t entries = 0;
+    int64_t at = 0;  // the newest entry's time
+    bool undone = false;
+    int64_t lastEntry = 0;  // the newest history row id: orders operations of one second
+  };
+
+  static constexpr std::string_view kRowField = "@row";
+  static constexpr std::string_view kMembersField = "@members";
+
+  explicit Journal(const Connection& conn) : conn_(conn) {}
+
+  // Creates `history` and its indexes (run by the store after its upgrade).
+  void ensureSchema() const;
+
+  // A new op id: "<unix seconds>-<random u32>-<slug of the name>".
+  std::string begin(std::string_view opName) const;
+  static std::string slug(std::string_view opName);
+  static std::string makeOpId(std::string_view opName, int64_t unixSeconds, uint32_t random);
+
+  void record(const std::string& opId, const std::string& opName, const std::string& entity,
+              int64_t entityId, const std::string& field, const std::optional<std::string>& oldValue,
+              const std::optional<std::string>& newValue) const;
+
+  // Records the current value of `field` (as text) for each id as the old
+  // value and `newValue` as the new one. Call before writing.
+  void recordCurrent(const std::string& opId, const std::string& opName, const std::string& table,
+                     std::span<const int64_t> ids, const std::string& field,
+                     const std::optional<std::string>& newValue) const;
+
+  // The whole row as it stands now (NULL when it does not exist) as the old
+  // value of an "@row" entry. After the edit, `seal` stores the new image.
+  void snapshotRow(const std::string& opId, const std::string& opName, const std::string& table,
+                   int64_t id) const;
+  // The ordered member list of a playlist as the old value of "@members".
+  void snapshotPlaylist(const std::string& opId, const std::string& opName, int64_t playlistId) const;
+  // A row the operation has just created: old value NULL, new value the row,
+  // so undo deletes it and redo puts it back.
+  void recordCreated(const std::string& opId, const std::string& opName, const std::string& table,
+                     int64_t id) const;
+  // Fills in the new value of the operation's "@row"/"@members" entries from
+  // the rows as they stand after the edit (NULL for a row that is now gone).
+  void seal(const std::string& opId) const;
+
+  // Puts a recorded value back: a JSON object is a row (INSERT OR REPLACE), a
+  // JSON array a member list, and no value deletes the row.
+  bool restoreRow(const std::string& table, int64_t id, const std::optional<std::string>& value) const;
+
+  std::vector<Operation> operations(int limit) const;
+  std::vector<Entry> entries(const std::string& opId) const;
+  // Each returns how many entries it applied; an op with nothing left to
+  // undo (or redo) applies none.
+  int undo(const std::string& opId) const;
+  int redo(const std::string& opId) const;
+  std::optional<Operation> lastUndoable() const;
+  std::optional<Operation> lastRedoable() const;
+
+  // The fields that undo and redo may write, per entity; others are skipped.
+  static const std::vector<std::string>& writable(std::string_view entity);
+  static bool isWritable(std::string_view entity, std::string_view field);
+
+  // The current row as a JSON object, or none when there is no such row.
+  std::optional<std::string> rowJSON(const std::string& table, int64_t id) const;
+  std::string membersJSON(int64_t playlistId) const;
+
+ private:
+  int apply(const std::string& opId, bool undoing) const;
+  std::optional<std::string> primaryKey(const std::string& table) const;
+
+  const Connection& conn_;
+};
+
+}  // namespace orvel

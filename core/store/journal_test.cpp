@@ -1,0 +1,132 @@
+#include "core/store/journal.h"
+
+#include <gmock/gmock.h>
+
+#include <regex>
+
+#include "core/testing/store_fixture.h"
+
+namespace orvel {
+namespace {
+
+using testing::StoreTest;
+
+TEST(JournalOpId, SlugIsLowerCaseDashedAndShort) {
+  EXPECT_EQ(Journal::makeOpId("Rename Crate", 1763146000, 2891334017u),
+            "1763146000-2891334017-rename-crate");
+  EXPECT_EQ(Journal::slug("  Edit -- Title: \"Blue\"!"), "edit-title-blue");
+  EXPECT_EQ(Journal::slug("Caf\xC3\xA9 Set"), "caf\xC3\xA9-set");
+  EXPECT_EQ(Journal::slug("A very long operation name indeed"), "a-very-long-operation-na");
+  EXPECT_EQ(Journal::makeOpId("?!…", 5, 7), "5-7-");
+}
+
+class JournalTest : public StoreTest {
+ protected:
+  Journal& journal() { return db().journal(); }
+};
+
+TEST_F(JournalTest, OperationsListNewestFirstWithOpIdBreakingTies) {
+  Journal& j = journal();
+  EXPECT_TRUE(std::regex_match(j.begin("Set Rating"), std::regex(R"(\d{10}-\d+-set-rating)")));
+  j.record("100-1-b", "B", "tracks", 1, "genre", "x", "y");
+  j.record("100-2-c", "C", "tracks", 1, "genre", "y", "z");
+  j.record("100-2-c", "C", "tracks", 2, "genre", "y", "z");
+  db().execChecked("UPDATE history SET at = 100");  // all in the same second
+  j.record("099-9-a", "A", "tracks", 1, "genre", "w", "x");
+  db().execChecked("UPDATE history SET at = 99 WHERE op_id = '099-9-a'");
+  const auto ops = j.operations(10);
+  ASSERT_EQ(ops.size(), 3u);
+  EXPECT_EQ(ops[0].id, "100-2-c");
+  EXPECT_EQ(ops[0].entries, 2);
+  EXPECT_EQ(ops[1].id, "100-1-b");
+  EXPECT_EQ(ops[2].id, "099-9-a");
+}
+
+TEST_F(JournalTest, SoftRemovalUndoesRedoesOnceAndSurvivesARestart) {
+  const int64_t a = add("/m/a.mp3");
+  const int64_t b = add("/m/b.mp3");
+  const auto opId = db().softRemove(std::vector<int64_t>{a, b});
+  ASSERT_TRUE(opId);
+  EXPECT_TRUE(reopen().loadAllTracks().empty());
+
+  EXPECT_EQ(journal().lastUndoable()->id, *opId);
+  EXPECT_EQ(journal().undo(*opId), 2);
+  EXPECT_EQ(journal().undo(*opId), 0);  // nothing left to undo
+  EXPECT_EQ(reopen().loadAllTracks().size(), 2u);
+  EXPECT_EQ(field(a, "removed"), "");
+  EXPECT_TRUE(journal().operations(1)[0].undone);
+  EXPECT_EQ(journal().lastRedoable()->id, *opId);
+
+  EXPECT_EQ(journal().redo(*opId), 2);
+  EXPECT_TRUE(db().loadAllTracks().empty());
+  EXPECT_EQ(journal().lastRedoable(), std::nullopt);
+}
+
+TEST_F(JournalTest, RedoFollowsTheUndoStackAndANewEditClosesIt) {
+  const int64_t a = add("/m/a.mp3");
+  const auto first = db().setField("genre", "House", std::vector<int64_t>{a}, "Edit Genre");
+  db().execChecked("UPDATE history SET at = at - 10");
+  const auto second = db().setField("genre", "Techno", std::vector<int64_t>{a}, "Edit Genre");
+  journal().undo(*second);
+  journal().undo(*first);
+  EXPECT_EQ(field(a, "genre"), "");
+  EXPECT_EQ(journal().lastRedoable()->id, *first);  // undone last, redone first
+  journal().redo(*first);
+  EXPECT_EQ(journal().lastRedoable()->id, *second);
+  db().setField("genre", "Disco", std::vector<int64_t>{a}, "Edit Genre");
+  EXPECT_EQ(journal().lastRedoable(), std::nullopt);
+  // Any operation may still be redone by id.
+  EXPECT_EQ(journal().redo(*second), 1);
+  EXPECT_EQ(field(a, "genre"), "Techno");
+}
+
+TEST_F(JournalTest, WholeRowsAndMemberListsComeBack) {
+  const int64_t t1 = add("/m/1.mp3");
+  const int64_t t2 = add("/m/2.mp3");
+  db().execChecked("INSERT INTO playlists(id, name, kind, color) VALUES(40, 'Warm-up', 'crate', '#fff')");
+  db().execChecked("INSERT INTO playlist_tracks VALUES(40, " + std::to_string(t2) + ", 0), (40, " +
+                   std::to_string(t1) + ", 1)");
+  Journal& j = journal();
+
+  // Deleting a crate: members first, then the row, as the store records them.
+  const std::string del = j.begin("Delete Playlist");
+  j.snapshotPlaylist(del, "Delete Playlist", 40);
+  j.snapshotRow(del, "Delete Playlist", "playlists", 40);
+  db().execChecked("DELETE FROM playlist_tracks WHERE playlist_id = 40; DELETE FROM playlists WHERE id = 40");
+  j.seal(del);
+  EXPECT_EQ(reopen().journal().undo(del), 2);
+  EXPECT_EQ(db().scalarInt("SELECT COUNT(*) FROM playlists WHERE id = 40 AND name = 'Warm-up' AND color = '#fff'"), 1);
+  EXPECT_EQ(db().journal().membersJSON(40), "[" + std::to_string(t2) + "," + std::to_string(t1) + "]");
+  EXPECT_EQ(db().journal().redo(del), 2);
+  EXPECT_EQ(db().count("playlists"), 0);
+  EXPECT_EQ(db().count("playlist_tracks"), 0);
+
+  // Creating a row: undo deletes it, redo recreates it as it was.
+  db().execChecked("INSERT INTO playlists(id, name) VALUES(41, 'Peak')");
+  const std::string make = db().journal().begin("New Crate");
+  db().journal().recordCreated(make, "New Crate", "playlists", 41);
+  EXPECT_EQ(db().journal().undo(make), 1);
+  EXPECT_EQ(db().count("playlists"), 0);
+  EXPECT_EQ(db().journal().redo(make), 1);
+  EXPECT_EQ(db().scalarInt("SELECT COUNT(*) FROM playlists WHERE id = 41 AND name = 'Peak'"), 1);
+}
+
+TEST_F(JournalTest, EntriesOutsideTheWritableTableAreNeverApplied) {
+  const int64_t a = add("/m/a.mp3");
+  Journal& j = journal();
+  j.record("1-1-x", "X", "tracks", a, "path_norm", "/evil", "/m/a.mp3");
+  j.record("1-1-x", "X", "tracks", a, "id; DROP TABLE tracks", "1", "2");
+  j.record("1-1-x", "X", "sqlite_master", a, "@row", "{}", std::nullopt);
+  j.record("1-1-x", "X", "tracks", a, "catalog_no", "A-1", "A-2");  // no such column
+  j.record("1-1-x", "X", "tracks", a, "rating", "40", "60");
+  EXPECT_EQ(j.undo("1-1-x"), 1);
+  EXPECT_EQ(field(a, "rating"), "40");
+  EXPECT_EQ(field(a, "path_norm"), "/m/a.mp3");
+  EXPECT_TRUE(j.operations(1)[0].undone);
+  EXPECT_FALSE(Journal::isWritable("tracks", "merged_into"));
+  EXPECT_EQ(Journal::writable("tracks").front(), "removed");
+  EXPECT_EQ(Journal::writable("playlists").front(), "name");
+}
+
+}  // namespace
+}  // namespace orvel

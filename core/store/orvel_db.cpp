@@ -1,0 +1,105 @@
+#include "core/store/orvel_db.h"
+
+#include <cctype>
+
+#include "core/text/path_norm.h"
+
+namespace orvel {
+namespace {
+
+// orvel_norm(path): NFC, then full Unicode lower-casing. Registered for any
+// argument count so that a wrong call yields NULL instead of a SQL error.
+void orvelNormSql(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
+  if (argc != 1 || sqlite3_value_type(argv[0]) == SQLITE_NULL) {
+    sqlite3_result_null(ctx);
+    return;
+  }
+  const auto* text = reinterpret_cast<const char*>(sqlite3_value_text(argv[0]));
+  const int bytes = sqlite3_value_bytes(argv[0]);
+  if (text == nullptr) {
+    sqlite3_result_null(ctx);
+    return;
+  }
+  const std::string key = normalizePathKey(std::string_view(text, static_cast<size_t>(bytes)));
+  sqlite3_result_text(ctx, key.data(), static_cast<int>(key.size()), SQLITE_TRANSIENT);
+}
+
+bool isBlank(const char* s) {
+  for (; s != nullptr && *s != '\0'; ++s)
+    if (!std::isspace(static_cast<unsigned char>(*s))) return false;
+  return true;
+}
+
+}  // namespace
+
+OrvelDB::OrvelDB(const std::string& path) : path_(path), conn_(path), journal_(conn_) {
+  // A window and a command line may hold the same catalogue; wait for the
+  // other writer instead of failing at once.
+  sqlite3_busy_timeout(conn_.handle(), 5000);
+  conn_.execIgnoring("PRAGMA journal_mode=WAL");
+  conn_.execIgnoring("PRAGMA synchronous=NORMAL");
+  registerFunctions();
+  migrate();
+  journal_.ensureSchema();
+  ensureReleaseSchema();
+  ensureTagSchema();
+}
+
+OrvelDB::~OrvelDB() = default;
+
+void OrvelDB::registerFunctions() {
+  sqlite3_create_function_v2(conn_.handle(), "orvel_norm", -1, SQLITE_UTF8 | SQLITE_DETERMINISTIC,
+                             nullptr, orvelNormSql, nullptr, nullptr, nullptr);
+}
+
+std::string OrvelDB::normalizePath(std::string_view path) { return normalizePathKey(path); }
+
+bool OrvelDB::backup(const std::string& to) const {
+  sqlite3* dest = nullptr;
+  if (sqlite3_open_v2(to.c_str(), &dest, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
+      SQLITE_OK) {
+    sqlite3_close(dest);
+    return false;
+  }
+  bool ok = false;
+  if (sqlite3_backup* b = sqlite3_backup_init(dest, "main", conn_.handle(), "main")) {
+    ok = sqlite3_backup_step(b, -1) == SQLITE_DONE;
+    ok = sqlite3_backup_finish(b) == SQLITE_OK && ok;
+  }
+  ok = sqlite3_close(dest) == SQLITE_OK && ok;
+  return ok;
+}
+
+IdsOrError OrvelDB::idsFromSelect(std::string_view sql) const {
+  IdsOrError out;
+  const std::string text(sql);
+  sqlite3_stmt* raw = nullptr;
+  const char* tail = nullptr;
+  if (sqlite3_prepare_v2(conn_.handle(), text.c_str(), -1, &raw, &tail) != SQLITE_OK) {
+    out.error = sqlite3_errmsg(conn_.handle());
+    sqlite3_finalize(raw);
+    return out;
+  }
+  Statement st(raw);
+  if (!isBlank(tail)) {
+    out.error = "more than one statement";
+    return out;
+  }
+  if (!st) {
+    out.error = "no statement";
+    return out;
+  }
+  if (sqlite3_stmt_readonly(st.get()) == 0) {
+    out.error = "that query would write";
+    return out;
+  }
+  while (st.step()) out.ids.push_back(st.int64(0));
+  return out;
+}
+
+void OrvelDB::notifyFieldWritten(const std::string& field, const std::optional<std::string>& value,
+                                 std::span<const int64_t> ids) const {
+  if (onFieldWritten) onFieldWritten(field, value, std::vector<int64_t>(ids.begin(), ids.end()));
+}
+
+}  // namespace orvel

@@ -1,0 +1,207 @@
+// The catalogue store: one SQLite database, `orvel.db`, and every operation on
+// it. Owns the one connection (serialized mode) and the Journal on it. Opening
+// brings the schema up to date; opening is the only operation that throws.
+// Every other operation reports SQL faults as empty results (plus the
+// "SQL WOULD NOT COMPILE: " line on stderr) and leaves the catalogue as it was.
+//
+// The operations are implemented by area: orvel_db.cpp (opening, statements,
+// backup), schema.cpp (the upgrade), tracks.cpp (adding, loading, editing),
+// track_data.cpp (plays, fingerprints, options, release fields, tags, lookups),
+// relink.cpp (merging and relinking moved files).
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "core/store/connection.h"
+#include "core/store/journal.h"
+#include "core/store/track_row.h"
+
+namespace orvel {
+
+// A file being added to the catalogue (the eleven columns of a new row).
+struct NewTrack {
+  std::string path;
+  std::string filename;  // empty: taken from the path
+  std::optional<std::string> title;
+  std::optional<std::string> artist;
+  std::optional<std::string> album;
+  std::optional<std::string> genre;
+  std::optional<int64_t> durationMs;
+  std::optional<int64_t> filesizeBytes;
+  std::optional<int64_t> dateAdded;  // none: now
+  std::optional<int64_t> dateCreated;
+  bool production = false;
+};
+
+struct RelinkStats {
+  int64_t dead = 0;        // rows whose file is gone
+  int64_t relinked = 0;    // exactly one live row with the same file name exists
+  int64_t ambiguous = 0;   // several candidates: left alone
+  int64_t unmatched = 0;   // no candidate
+  int64_t linksMoved = 0;  // playlist links moved to the surviving rows
+};
+
+struct PurgeRow {
+  int64_t id = 0;
+  std::string path, artist, title;
+  std::optional<int64_t> bitrate;
+  int64_t bytes = 0;
+  bool missing = false;
+  bool isProduction = false;
+  bool isLossless = false;
+  bool inAnyPlaylist = false;
+  int64_t cueCount = 0;  // all kinds
+};
+
+struct ArtistAlbumGenre {
+  int64_t id = 0;
+  std::string artist, album, genre;
+};
+
+// Either the ids a SELECT produced or why it was refused.
+struct IdsOrError {
+  std::vector<int64_t> ids;
+  std::optional<std::string> error;
+};
+
+class OrvelDB {
+ public:
+  using FieldWritten = std::function<void(const std::string& field,
+                                          const std::optional<std::string>& value,
+                                          const std::vector<int64_t>& ids)>;
+
+  // Opens or creates the catalogue and upgrades it. Throws StoreError.
+  explicit OrvelDB(const std::string& path);
+  OrvelDB(const OrvelDB&) = delete;
+  OrvelDB& operator=(const OrvelDB&) = delete;
+  ~OrvelDB();
+
+  const std::string& path() const { return path_; }
+  const Connection& connection() const { return conn_; }
+  sqlite3* handle() const { return conn_.handle(); }
+  Journal& journal() { return journal_; }
+  const Journal& journal() const { return journal_; }
+
+  // Called after field writes so an in-memory model can patch its rows.
+  FieldWritten onFieldWritten;
+
+  // ---- statements -------------------------------------------------------
+  Statement prepare(std::string_view sql) const { return conn_.prepare(sql); }
+  std::optional<std::string> execChecked(const std::string& sql) const { return conn_.execChecked(sql); }
+  std::optional<int64_t> scalarInt(std::string_view sql) const { return conn_.scalarInt(sql); }
+  int64_t count(std::string_view table) const { return conn_.count(table); }
+  void begin() const { conn_.begin(); }
+  void commit() const { conn_.commit(); }
+
+  // Copies the live catalogue to a new file with SQLite's online backup.
+  bool backup(const std::string& to) const;
+  // Runs a caller's read-only SELECT and collects its first column as ids.
+  IdsOrError idsFromSelect(std::string_view sql) const;
+  // The path key, the same computation as SQL's orvel_norm.
+  static std::string normalizePath(std::string_view path);
+
+  // ---- schema (schema.cpp) ----------------------------------------------
+  void migrate();
+  void dropPathUniqueConstraint();
+  std::pair<int64_t, int64_t> repairPathNorm();  // (rewritten, collided)
+  int64_t backfillPathNorm();
+  std::vector<std::pair<std::string, int64_t>> pathNormCollisions() const;
+  int64_t userVersion() const;
+  bool hasIndex(std::string_view name) const;
+  void ensureReleaseSchema() const;
+  void ensureTagSchema() const;
+
+  // ---- tracks (tracks.cpp) ----------------------------------------------
+  std::vector<TrackRow> loadAllTracks(std::optional<int64_t> limit = std::nullopt) const;
+  std::optional<TrackRow> loadTrack(int64_t id) const;
+  std::optional<int64_t> insertImported(const NewTrack& track, int64_t sourceId);
+  int64_t orvelSourceId();
+
+  // Maps an editor's field key ("albumartist") to its column ("album_artist");
+  // keys without an entry are returned lower-cased as they are.
+  static std::string columnFor(std::string_view key);
+  bool hasTrackColumn(std::string_view column) const;
+  // Journaled edit of one column on many tracks; false (nothing written) for
+  // an unknown column. Returns the op id on success.
+  std::optional<std::string> setField(const std::string& column, const std::optional<std::string>& value,
+                                      std::span<const int64_t> ids, const std::string& opName);
+  // The same update without a journal entry, for use inside other operations.
+  bool writeField(const std::string& column, const std::optional<std::string>& value,
+                  std::span<const int64_t> ids);
+
+  std::optional<std::string> setRating(std::span<const int64_t> ids, int stars);
+  std::optional<std::string> setLoved(std::span<const int64_t> ids, bool loved);
+  std::optional<std::string> setDisliked(std::span<const int64_t> ids, bool disliked);
+  std::vector<int64_t> lovedIds() const;
+  std::vector<int64_t> dislikedIds() const;
+  std::vector<int64_t> masterIds() const;
+  std::optional<std::string> setMaster(std::span<const int64_t> ids, bool master);
+  void setBPM(int64_t id, double bpm);
+  void setDurationMs(int64_t id, int64_t ms);
+  // Analysis results never overwrite a value the user already has.
+  void setAnalysis(int64_t id, const std::optional<std::string>& key, std::optional<double> bpm);
+  std::optional<std::string> softRemove(std::span<const int64_t> ids);
+  void markMissing(int64_t id);
+
+  // Lookups by path go through the normalised key; removed and merged rows count.
+  bool hasTrack(std::string_view path) const;
+  std::optional<int64_t> trackId(std::string_view path) const;
+  std::optional<std::string> findByTags(std::string_view artist, std::string_view title) const;
+  std::vector<int64_t> existingIds(std::span<const int64_t> ids) const;  // live ones, in the given order
+
+  // Generic filters over live tracks. Column names are checked against the table.
+  std::vector<int64_t> idsWhere(const std::string& condition, int64_t limit) const;
+  std::vector<int64_t> idsWhereFieldEquals(const std::string& column, std::string_view value) const;
+  std::vector<std::pair<std::string, int64_t>> valueCounts(const std::string& column) const;
+  std::vector<std::string> fieldValues(const std::string& column, std::span<const int64_t> ids) const;
+  std::vector<PurgeRow> purgeRows() const;
+  std::vector<ArtistAlbumGenre> artistAlbumGenreRows() const;
+
+  // ---- merging and relinking (relink.cpp) -------------------------------
+  // Moves the loser's playlist links to the keeper and marks it merged;
+  // returns the number of links moved.
+  int64_t mergeTrack(int64_t loser, int64_t keeper);
+  RelinkStats relink(bool apply);
+
+  // ---- plays, fingerprints, options, release fields, tags (track_data.cpp)
+  void recordPlay(int64_t trackId, int64_t at, int64_t keep);
+  std::vector<std::pair<int64_t, int64_t>> recentPlays(int64_t limit) const;  // (track, at)
+  void clearPlayHistory();
+
+  std::vector<std::pair<int64_t, std::string>> tracksNeedingFingerprint(int64_t limit) const;
+  void setRawFingerprint(int64_t trackId, const std::vector<uint8_t>& bytes);
+
+  std::optional<std::string> trackOptions(int64_t trackId) const;
+  std::optional<std::string> setTrackOptions(int64_t trackId, const std::string& json);
+  std::vector<int64_t> shuffleExcludedIds() const;
+
+  std::vector<int64_t> idsWithISRC() const;
+  std::map<int64_t, std::string> isrcMap() const;
+  void setISRC(int64_t trackId, const std::string& isrc);
+
+  void addTag(std::span<const int64_t> ids, const std::string& tag);
+  void removeTag(std::span<const int64_t> ids, const std::string& tag);
+  std::vector<int64_t> taggedIds(const std::string& tag) const;
+  std::vector<std::string> tagsOf(int64_t trackId) const;
+  std::vector<std::pair<std::string, int64_t>> allTagCounts() const;
+  std::vector<int64_t> idsWithArtwork() const;
+
+ private:
+  void notifyFieldWritten(const std::string& field, const std::optional<std::string>& value,
+                          std::span<const int64_t> ids) const;
+  void registerFunctions();
+
+  std::string path_;
+  Connection conn_;
+  Journal journal_;
+};
+
+}  // namespace orvel

@@ -1,0 +1,67 @@
+// Helpers for store tests: a catalogue in a temporary folder, a quick way to
+// add tracks, and a view of what the log gained during a test.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include "core/store/locations.h"
+#include "core/store/orvel_db.h"
+#include "core/testing/temp_dir.h"
+
+namespace orvel::testing {
+
+// Reads the lines the log gained since construction.
+class LogCapture {
+ public:
+  LogCapture() : start_(size()) {}
+  std::string text() const {
+    std::ifstream in(locations::logFile());
+    std::stringstream all;
+    all << in.rdbuf();
+    const std::string s = all.str();
+    return s.size() > start_ ? s.substr(start_) : std::string();
+  }
+
+ private:
+  static size_t size() {
+    std::error_code ec;
+    const auto n = std::filesystem::file_size(locations::logFile(), ec);
+    return ec ? 0 : static_cast<size_t>(n);
+  }
+  size_t start_;
+};
+
+class StoreTest : public ::testing::Test {
+ protected:
+  std::string dbPath() const { return (dir_ / "orvel.db").string(); }
+  OrvelDB& db() {
+    if (!db_) db_ = std::make_unique<OrvelDB>(dbPath());
+    return *db_;
+  }
+  // Closes and opens the catalogue again, as a restart would.
+  OrvelDB& reopen() {
+    db_.reset();
+    return db();
+  }
+  int64_t add(const std::string& path, const std::string& title = "", int64_t dateAdded = 1000) {
+    NewTrack t;
+    t.path = path;
+    if (!title.empty()) t.title = title;
+    t.dateAdded = dateAdded;
+    return db().insertImported(t, db().orvelSourceId()).value_or(-1);
+  }
+  std::string field(int64_t id, const std::string& column) {
+    const auto v = db().fieldValues(column, std::vector<int64_t>{id});
+    return v.empty() ? "<no row>" : v.front();
+  }
+
+  TempDir dir_;
+  std::unique_ptr<OrvelDB> db_;
+};
+
+}  // namespace orvel::testing

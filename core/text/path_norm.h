@@ -1,0 +1,16 @@
+// The path key of the catalogue: Unicode NFC composition followed by full
+// Unicode lower-casing (ICU), so that "É", "é" and "e"+U+0301 are one key.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace orvel {
+
+// UTF-8 in, UTF-8 out. Invalid UTF-8 sequences become U+FFFD, as ICU decodes them.
+std::string normalizePathKey(std::string_view utf8);
+
+// Full Unicode lower-casing without normalisation (search, folding).
+std::string lowerUnicode(std::string_view utf8);
+
+}  // namespace orvel
