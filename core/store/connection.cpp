@@ -37,6 +37,16 @@ Connection::Connection(const std::string& path) {
     db_ = nullptr;
     throw StoreError(message);
   }
+  // A file that is not a catalogue opens fine and fails on first use; find
+  // out now, while failing is still the opener's business.
+  char* err = nullptr;
+  if (sqlite3_exec(db_, "SELECT COUNT(*) FROM sqlite_master", nullptr, nullptr, &err) != SQLITE_OK) {
+    std::string message = err != nullptr ? err : sqlite3_errmsg(db_);
+    sqlite3_free(err);
+    sqlite3_close(db_);
+    db_ = nullptr;
+    throw StoreError(message);
+  }
 }
 
 Connection::~Connection() { sqlite3_close_v2(db_); }

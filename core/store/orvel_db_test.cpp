@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include <fstream>
+
 #include "core/testing/store_fixture.h"
 
 namespace orvel {
@@ -42,6 +44,8 @@ TEST_F(OrvelDBTest, OpeningAFileThatCannotBeOpenedThrowsSQLitesMessage) {
   } catch (const StoreError& e) {
     EXPECT_THAT(e.what(), HasSubstr("unable to open"));
   }
+  std::ofstream(dir_ / "notes.txt") << "not a catalogue, just some text that is long enough";
+  EXPECT_THROW(OrvelDB((dir_ / "notes.txt").string()), StoreError);
 }
 
 TEST_F(OrvelDBTest, OrvelNormIsUsableFromSqlAndNullSafe) {

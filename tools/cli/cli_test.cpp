@@ -1,0 +1,174 @@
+// The command line end to end, in-process: each `orvel` call opens the
+// catalogue afresh, as separate runs of the program would.
+#include "tools/cli/cli.h"
+
+#include <gmock/gmock.h>
+
+#include <nlohmann/json.hpp>
+
+#include <sstream>
+
+#include "core/store/locations.h"
+#include "core/testing/store_fixture.h"
+
+namespace orvel::cli {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+using nlohmann::json;
+
+struct Result {
+  int code;
+  std::string out;
+  std::string err;
+};
+
+class CliTest : public orvel::testing::StoreTest {
+ protected:
+  void SetUp() override {
+    a_ = add("/music/Floorplan/Never Grow Old.mp3", "Never Grow Old", 300);
+    b_ = add("/music/Moodymann/Shades of Jae.flac", "Shades of Jae", 200);
+    c_ = add("/music/DJ Koze/XTC.mp3", "XTC", 100);
+    db().setField("artist", "Floorplan", std::vector<int64_t>{a_}, "Edit Artist");
+    db_.reset();  // the command line opens its own connection
+  }
+  Result orvel(std::vector<std::string> args) {
+    args.insert(args.begin(), {"--db", dbPath()});
+    std::ostringstream out, err;
+    const int code = run(args, out, err);
+    return {code, out.str(), err.str()};
+  }
+  json orvelJson(std::vector<std::string> args) {
+    args.push_back("--json");
+    const Result r = orvel(args);
+    EXPECT_EQ(r.code, 0) << r.err;
+    return json::parse(r.out);
+  }
+  std::string opOf(const Result& r) {
+    const auto at = r.out.find("orvel undo ");
+    return at == std::string::npos ? "" : r.out.substr(at + 11, r.out.find(')', at) - at - 11);
+  }
+  json track(int64_t id) { return orvelJson({"show", std::to_string(id)}); }
+
+  int64_t a_ = 0, b_ = 0, c_ = 0;
+};
+
+TEST_F(CliTest, EveryEditIsListedAndCanBeUndoneAndRedoneById) {
+  const std::string ids[] = {std::to_string(a_), std::to_string(b_)};
+  const std::vector<std::pair<std::vector<std::string>, std::string>> edits = {
+      {{"set", "genre", "Deep House", ids[0], ids[1]}, "Edit Genre"},
+      {{"set", "albumartist", "Various", ids[0]}, "Edit Albumartist"},
+      {{"rate", "4", ids[0]}, "Set Rating"},
+      {{"love", ids[1]}, "Love"},
+      {{"dislike", ids[0]}, "Dislike"},
+      {{"rm", ids[1]}, "Remove from Library"},
+  };
+  std::vector<std::string> opIds;
+  for (const auto& [args, name] : edits) {
+    const Result r = orvel(args);
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_THAT(r.out, StartsWith(name + " on "));
+    opIds.push_back(opOf(r));
+  }
+  const json history = orvelJson({"history"});
+  ASSERT_EQ(history.size(), edits.size() + 1);  // and the fixture's own edit
+  for (const auto& op : opIds) {
+    const bool listed = std::any_of(history.begin(), history.end(),
+                                    [&](const json& h) { return h["id"] == op; });
+    EXPECT_TRUE(listed) << op;
+  }
+
+  // Undo all, out of order, by id.
+  for (const std::string& op : {opIds[2], opIds[5], opIds[0], opIds[1], opIds[3], opIds[4]}) {
+    const Result r = orvel({"undo", op});
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_THAT(r.out, HasSubstr("Undid"));
+  }
+  json ta = track(a_), tb = track(b_);
+  EXPECT_EQ(ta["genre"], "");
+  EXPECT_EQ(ta["extras"]["albumArtist"], "");
+  EXPECT_EQ(ta["rating"], nullptr);
+  EXPECT_EQ(ta["disliked"], false);
+  EXPECT_EQ(tb["loved"], false);
+  EXPECT_EQ(tb["removed"], false);
+  EXPECT_EQ(orvel({"undo", opIds[0]}).code, 1);  // already undone
+
+  for (const auto& op : opIds) EXPECT_EQ(orvel({"redo", op}).code, 0);
+  ta = track(a_);
+  tb = track(b_);
+  EXPECT_EQ(ta["genre"], "Deep House");
+  EXPECT_EQ(ta["extras"]["albumArtist"], "Various");
+  EXPECT_EQ(ta["rating"], 80);
+  EXPECT_EQ(ta["disliked"], true);
+  EXPECT_EQ(tb["loved"], true);
+  EXPECT_EQ(tb["removed"], true);
+
+  // Without an id, undo takes the newest operation in force.
+  EXPECT_THAT(orvel({"undo"}).out, HasSubstr("\"Remove from Library\""));
+}
+
+TEST_F(CliTest, BadInputIsOneLineAndChangesNothing) {
+  const auto before = orvelJson({"history"}).size();
+  const auto expectOneLine = [](const Result& r, int code, const std::string& text) {
+    EXPECT_EQ(r.code, code) << r.err;
+    EXPECT_THAT(r.err, HasSubstr(text));
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    EXPECT_EQ(r.out, "");
+  };
+  expectOneLine(orvel({"set", "gnere", "House", std::to_string(a_)}), 1, "unknown field 'gnere'");
+  expectOneLine(orvel({"set", "path_norm", "x", std::to_string(a_)}), 1, "cannot be edited");
+  expectOneLine(orvel({"set", "genre", "House", std::to_string(a_), "999"}), 1,
+                "no track with id 999");
+  expectOneLine(orvel({"rate", "9", std::to_string(a_)}), 2, "9");
+  expectOneLine(orvel({"rate", "3", "abc"}), 2, "abc");
+  expectOneLine(orvel({"undo", "1-2-nothing"}), 1, "no operation with id 1-2-nothing");
+  expectOneLine(orvel({"show", "999"}), 1, "no track with id 999");
+  expectOneLine(orvel({"ls", "--sort", "colour"}), 2, "cannot sort by 'colour'");
+  EXPECT_EQ(orvelJson({"history"}).size(), before);
+  EXPECT_EQ(track(a_)["genre"], "");
+
+  std::ostringstream out, err;
+  EXPECT_EQ(run({"--db", (dir_ / "no/such/dir/x.db").string(), "info"}, out, err), 1);
+  EXPECT_THAT(err.str(), HasSubstr("cannot open the catalogue"));
+  EXPECT_EQ(run({}, out, err), 2);
+}
+
+TEST_F(CliTest, ListingsSearchSortLimitAndShowTrackRowFields) {
+  const json all = orvelJson({"ls"});
+  ASSERT_EQ(all.size(), 3u);
+  EXPECT_EQ(all[0]["id"], a_);  // newest first
+  for (const char* key : {"title", "artist", "bpm", "durationMs", "cueCount", "sizeBytes",
+                          "isProduction", "dateAdded", "flags", "extras"})
+    EXPECT_TRUE(all[0].contains(key)) << key;
+
+  EXPECT_EQ(orvelJson({"ls", "--search", "JAE"}).at(0)["id"], b_);
+  const json sorted = orvelJson({"ls", "--sort", "-title", "--limit", "2"});
+  ASSERT_EQ(sorted.size(), 2u);
+  EXPECT_EQ(sorted[0]["title"], "XTC");
+  EXPECT_EQ(sorted[1]["title"], "Shades of Jae");
+
+  const Result table = orvel({"ls"});
+  EXPECT_EQ(table.code, 0);
+  EXPECT_THAT(table.out, HasSubstr("Never Grow Old"));
+  EXPECT_EQ(std::count(table.out.begin(), table.out.end(), '\n'), 4);
+  EXPECT_THAT(orvel({"show", std::to_string(a_)}).out, HasSubstr("#" + std::to_string(a_) + "  Floorplan — Never Grow Old"));
+}
+
+TEST_F(CliTest, InfoAndBackup) {
+  const json info = orvelJson({"info"});
+  EXPECT_EQ(info["counts"]["tracks"], 3);
+  EXPECT_EQ(info["schema"]["userVersion"], 1);
+  EXPECT_EQ(info["schema"]["uniquePathIndex"], true);
+  EXPECT_EQ(info["paths"]["database"], dbPath());
+
+  const Result r = orvel({"backup", "--keep", "2"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_THAT(r.out, HasSubstr(locations::backupsDir().string()));
+  const Result relink = orvel({"relink"});
+  EXPECT_EQ(relink.code, 0);
+  EXPECT_THAT(relink.out, HasSubstr("3 files not found"));
+}
+
+}  // namespace
+}  // namespace orvel::cli

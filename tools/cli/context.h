@@ -1,0 +1,43 @@
+// What every subcommand shares: the catalogue (opened on first use), the
+// output streams and the global switches. Commands report failure by
+// throwing CliError; `run` turns it into one line on stderr and an exit code.
+#pragma once
+
+#include <memory>
+#include <ostream>
+#include <stdexcept>
+#include <string>
+
+#include "core/store/orvel_db.h"
+
+namespace orvel::cli {
+
+enum ExitCode { kDone = 0, kFailed = 1, kBadUsage = 2 };
+
+class CliError : public std::runtime_error {
+ public:
+  CliError(int code, const std::string& message) : std::runtime_error(message), code_(code) {}
+  int code() const { return code_; }
+
+ private:
+  int code_;
+};
+
+struct Context {
+  Context(std::ostream& o, std::ostream& e) : out(o), err(e) {}
+
+  std::ostream& out;
+  std::ostream& err;
+  std::string dbOption;  // --db; empty: the support folder's catalogue
+  bool verbose = false;
+
+  // The catalogue path in force.
+  std::string dbPath() const;
+  // Opens the catalogue on first use; a catalogue that cannot be opened is a failure.
+  OrvelDB& db();
+
+ private:
+  std::unique_ptr<OrvelDB> db_;
+};
+
+}  // namespace orvel::cli

@@ -1,0 +1,88 @@
+// orvel history, undo, redo.
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+
+#include <ctime>
+
+#include "tools/cli/commands.h"
+#include "tools/cli/table.h"
+
+namespace orvel::cli {
+namespace {
+
+using nlohmann::json;
+
+std::string localTime(int64_t unixSeconds) {
+  const std::time_t t = unixSeconds;
+  std::tm tm{};
+  localtime_r(&t, &tm);
+  char buf[32];
+  std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
+  return buf;
+}
+
+// The operation to act on: the one named, or the default the window's menu
+// command would pick.
+Journal::Operation pick(Context& ctx, const std::string& opId, bool undoing) {
+  Journal& j = ctx.db().journal();
+  if (opId.empty()) {
+    auto op = undoing ? j.lastUndoable() : j.lastRedoable();
+    if (!op) throw CliError(kFailed, undoing ? "nothing to undo" : "nothing to redo");
+    return *op;
+  }
+  const auto entries = j.entries(opId);
+  if (entries.empty()) throw CliError(kFailed, "no operation with id " + opId);
+  bool allUndone = true;
+  for (const auto& e : entries) allUndone = allUndone && e.undone;
+  return {opId, entries.front().opName, static_cast<int64_t>(entries.size()), entries.back().at,
+          allUndone, 0};
+}
+
+void undoOrRedo(Context& ctx, const std::string& opId, bool undoing) {
+  const Journal::Operation op = pick(ctx, opId, undoing);
+  Journal& j = ctx.db().journal();
+  const int applied = undoing ? j.undo(op.id) : j.redo(op.id);
+  if (applied == 0 && (undoing ? op.undone : !op.undone))
+    throw CliError(kFailed, fmt::format("\"{}\" ({}) is already {}", op.opName, op.id,
+                                        undoing ? "undone" : "in force"));
+  ctx.out << fmt::format("{} \"{}\" ({}, {})\n", undoing ? "Undid" : "Redid", op.opName,
+                         countOf(static_cast<size_t>(applied), "change"), op.id);
+}
+
+}  // namespace
+
+void addHistoryCommands(CLI::App& app, Context& ctx) {
+  auto limit = std::make_shared<int>(50);
+  auto asJson = std::make_shared<bool>(false);
+  CLI::App* history = app.add_subcommand("history", "The edit history, newest first");
+  history->add_option("--limit", *limit, "At most N operations (default 50)")->check(CLI::PositiveNumber);
+  history->add_flag("--json", *asJson, "One JSON array of operations on stdout");
+  history->callback([&ctx, limit, asJson] {
+    const auto ops = ctx.db().journal().operations(*limit);
+    if (*asJson) {
+      json arr = json::array();
+      for (const auto& op : ops)
+        arr.push_back({{"id", op.id}, {"opName", op.opName}, {"entries", op.entries},
+                       {"at", op.at}, {"undone", op.undone}});
+      ctx.out << arr.dump(2) << '\n';
+      return;
+    }
+    Table table({{"OPERATION", 60}, {"WHEN", 19}, {"WHAT", 40}, {"CHANGES", 8, true}, {"", 6}});
+    for (const auto& op : ops)
+      table.add({op.id, localTime(op.at), op.opName, std::to_string(op.entries),
+                 op.undone ? "undone" : ""});
+    table.print(ctx.out);
+  });
+
+  auto opId = std::make_shared<std::string>();
+  CLI::App* undo = app.add_subcommand("undo", "Undo an operation (default: the last one in force)");
+  undo->add_option("OPID", *opId, "Operation id from `orvel history`");
+  undo->callback([&ctx, opId] { undoOrRedo(ctx, *opId, true); });
+
+  CLI::App* redo = app.add_subcommand("redo", "Redo an undone operation (default: the last one undone)");
+  redo->add_option("OPID", *opId, "Operation id from `orvel history`");
+  redo->callback([&ctx, opId] { undoOrRedo(ctx, *opId, false); });
+}
+
+}  // namespace orvel::cli

@@ -1,0 +1,231 @@
+// orvel ls, orvel show.
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+
+#include <cmath>
+#include <unordered_map>
+
+#include "core/text/path_norm.h"
+#include "tools/cli/commands.h"
+#include "tools/cli/table.h"
+#include "tools/cli/track_json.h"
+
+namespace orvel::cli {
+namespace {
+
+using nlohmann::json;
+
+struct ListOptions {
+  std::string search;
+  std::string playlist;
+  std::string sort;
+  int64_t limit = 0;
+  bool json = false;
+};
+
+// A playlist by id, or by its path of names from the top ("Sets/2026/Warm-up").
+int64_t resolvePlaylist(OrvelDB& db, const std::string& spec) {
+  if (!spec.empty() && spec.find_first_not_of("0123456789") == std::string::npos) {
+    const int64_t id = std::stoll(spec);
+    if (db.scalarInt("SELECT COUNT(*) FROM playlists WHERE id = " + std::to_string(id)) != 1)
+      throw CliError(kFailed, "no playlist with id " + spec);
+    return id;
+  }
+  std::optional<int64_t> parent;
+  size_t start = 0;
+  while (start <= spec.size()) {
+    size_t end = spec.find('/', start);
+    if (end == std::string::npos) end = spec.size();
+    const std::string name = spec.substr(start, end - start);
+    start = end + 1;
+    if (name.empty()) continue;
+    Statement st = db.prepare(
+        "SELECT id FROM playlists WHERE name = ? AND parent_id IS ? ORDER BY sort_order, id LIMIT 1");
+    st.bind(1, name).bind(2, parent);
+    if (!st.step()) throw CliError(kFailed, "no playlist named " + spec);
+    parent = st.int64(0);
+  }
+  if (!parent) throw CliError(kBadUsage, "name a playlist by id or path");
+  return *parent;
+}
+
+std::vector<TrackRow> listTracks(OrvelDB& db, const ListOptions& o) {
+  std::vector<TrackRow> rows = db.loadAllTracks();
+  if (!o.playlist.empty()) {
+    const int64_t id = resolvePlaylist(db, o.playlist);
+    std::unordered_map<int64_t, size_t> byId;
+    for (size_t i = 0; i < rows.size(); ++i) byId.emplace(rows[i].id, i);
+    std::vector<TrackRow> members;
+    Statement st = db.prepare(
+        "SELECT track_id FROM playlist_tracks WHERE playlist_id=? ORDER BY position, rowid");
+    st.bind(1, id);
+    while (st.step())
+      if (auto it = byId.find(st.int64(0)); it != byId.end()) members.push_back(rows[it->second]);
+    rows = std::move(members);
+  }
+  if (!o.search.empty()) {
+    // The same rule as the window's search field: the whole text, lower-cased,
+    // inside one of title, artist, album or genre.
+    const std::string needle = lowerUnicode(o.search);
+    std::erase_if(rows, [&](const TrackRow& r) {
+      for (const std::string* f : {&r.title, &r.artist, &r.album, &r.genre})
+        if (lowerUnicode(*f).find(needle) != std::string::npos) return false;
+      return true;
+    });
+  }
+  sortTracks(rows, parseSort(o.sort));
+  if (o.limit > 0 && rows.size() > static_cast<size_t>(o.limit)) rows.resize(static_cast<size_t>(o.limit));
+  return rows;
+}
+
+void printTrackTable(std::ostream& out, const std::vector<TrackRow>& rows) {
+  Table table({{"ID", 10, true},
+               {"ARTIST", 28},
+               {"TITLE", 40},
+               {"BPM", 6, true},
+               {"KEY", 4},
+               {"TIME", 8, true},
+               {"RATING", 5},
+               {"GENRE", 18}});
+  for (const auto& r : rows)
+    table.add({std::to_string(r.id), r.artist, r.title, r.bpmText(), r.key, r.durationText(),
+               r.ratingText(), r.genre});
+  table.print(out);
+}
+
+json cuesOf(OrvelDB& db, int64_t id) {
+  json cues = json::array();
+  Statement st = db.prepare(
+      "SELECT id, source_id, bank, idx, position_ms, length_ms, color, name, kind FROM cues "
+      "WHERE track_id = ? ORDER BY kind, idx, position_ms");
+  st.bind(1, id);
+  while (st.step()) {
+    cues.push_back({{"id", st.int64(0)},
+                    {"sourceId", st.isNull(1) ? json(nullptr) : json(st.int64(1))},
+                    {"bank", st.text(2)},
+                    {"index", st.int64(3)},
+                    {"positionMs", st.real(4)},
+                    {"lengthMs", st.isNull(5) ? json(nullptr) : json(st.real(5))},
+                    {"color", st.text(6)},
+                    {"name", st.text(7)},
+                    {"kind", st.text(8)}});
+  }
+  return cues;
+}
+
+json gridsOf(OrvelDB& db, int64_t id) {
+  json grids = json::array();
+  Statement st = db.prepare("SELECT source_id, anchors_json FROM beatgrids WHERE track_id = ?");
+  st.bind(1, id);
+  while (st.step()) {
+    json anchors = json::parse(st.text(1), nullptr, false);
+    grids.push_back({{"sourceId", st.isNull(0) ? json(nullptr) : json(st.int64(0))},
+                     {"anchors", anchors.is_discarded() ? json::array() : anchors}});
+  }
+  return grids;
+}
+
+json defectsOf(OrvelDB& db, int64_t id) {
+  json defects = json::array();
+  if (db.scalarInt("SELECT COUNT(*) FROM sqlite_master WHERE name = 'defects'") != 1) return defects;
+  Statement st = db.prepare(
+      "SELECT kind, position_ms, severity FROM defects WHERE track_id = ? ORDER BY position_ms");
+  st.bind(1, id);
+  while (st.step())
+    defects.push_back({{"kind", st.text(0)}, {"positionMs", st.real(1)}, {"severity", st.real(2)}});
+  return defects;
+}
+
+void show(Context& ctx, int64_t id, bool asJson) {
+  OrvelDB& db = ctx.db();
+  const auto row = db.loadTrack(id);
+  if (!row) throw CliError(kFailed, "no track with id " + std::to_string(id));
+  const auto flag = [&](const char* column) {
+    return db.scalarInt(fmt::format("SELECT COALESCE({}, 0) FROM tracks WHERE id = {}", column, id))
+               .value_or(0) != 0;
+  };
+  json j = toJson(*row);
+  j["loved"] = flag("loved");
+  j["disliked"] = flag("disliked");
+  j["master"] = flag("master");
+  j["removed"] = flag("removed");
+  j["tags"] = db.tagsOf(id);
+  j["cues"] = cuesOf(db, id);
+  j["beatgrids"] = gridsOf(db, id);
+  j["defects"] = defectsOf(db, id);
+  if (asJson) {
+    ctx.out << j.dump(2) << '\n';
+    return;
+  }
+  std::ostream& out = ctx.out;
+  out << fmt::format("#{}  {} — {}{}\n", row->id, row->artist.empty() ? "(no artist)" : row->artist,
+                     row->title, j["removed"].get<bool>() ? "  [removed]" : "");
+  const auto line = [&](const char* label, const std::string& value) {
+    if (!value.empty()) out << fmt::format("  {:<10} {}\n", label, value);
+  };
+  line("album", row->album);
+  line("genre", row->genre);
+  line("year", row->year);
+  line("label", row->label);
+  line("bpm", row->bpmText());
+  line("key", row->key);
+  line("time", row->durationText());
+  line("rating", row->ratingText());
+  line("plays", row->playCount ? std::to_string(*row->playCount) : "");
+  line("added", row->dateAddedText());
+  line("size", row->sizeText());
+  line("bitrate", row->bitrateText());
+  line("comment", row->comment);
+  line("grouping", row->grouping);
+  std::string marks;
+  for (const char* m : {"loved", "disliked", "master"})
+    if (j[m].get<bool>()) marks += std::string(marks.empty() ? "" : ", ") + m;
+  if (row->missing) marks += std::string(marks.empty() ? "" : ", ") + "file missing";
+  line("marks", marks);
+  std::string tags;
+  for (const auto& t : db.tagsOf(id)) tags += (tags.empty() ? "" : ", ") + t;
+  line("tags", tags);
+  line("path", row->path);
+  for (const auto& c : j["cues"]) {
+    const double ms = c["positionMs"].get<double>();
+    out << fmt::format("  {:<10} {} {} at {}:{:06.3f}{}\n", c["kind"].get<std::string>(),
+                       c["bank"].get<std::string>(), c["index"].get<int64_t>(),
+                       static_cast<int64_t>(ms / 60000), std::fmod(ms / 1000, 60.0),
+                       c["name"].get<std::string>().empty() ? "" : "  " + c["name"].get<std::string>());
+  }
+  for (const auto& g : j["beatgrids"])
+    out << fmt::format("  {:<10} {} anchors\n", "beatgrid", g["anchors"].size());
+  if (!j["defects"].empty()) line("defects", std::to_string(j["defects"].size()));
+}
+
+}  // namespace
+
+void addListCommands(CLI::App& app, Context& ctx) {
+  auto opts = std::make_shared<ListOptions>();
+  CLI::App* ls = app.add_subcommand("ls", "List live tracks, newest first");
+  ls->add_option("--search", opts->search, "Only tracks whose title, artist, album or genre contains this text");
+  ls->add_option("--playlist", opts->playlist, "Only the members of a playlist or crate (id or path), in order");
+  ls->add_option("--sort", opts->sort, "Sort by fields, most significant first; '-' sorts descending (e.g. artist,-bpm)");
+  ls->add_option("--limit", opts->limit, "At most N tracks")->check(CLI::NonNegativeNumber);
+  ls->add_flag("--json", opts->json, "One JSON array of tracks on stdout");
+  ls->callback([&ctx, opts] {
+    const auto rows = listTracks(ctx.db(), *opts);
+    if (opts->json) {
+      json arr = json::array();
+      for (const auto& r : rows) arr.push_back(toJson(r));
+      ctx.out << arr.dump(2) << '\n';
+      return;
+    }
+    printTrackTable(ctx.out, rows);
+  });
+
+  auto id = std::make_shared<int64_t>(0);
+  auto asJson = std::make_shared<bool>(false);
+  CLI::App* sh = app.add_subcommand("show", "One track with its cues, beat grids and defects");
+  sh->add_option("ID", *id, "Track id")->required();
+  sh->add_flag("--json", *asJson, "One JSON object on stdout");
+  sh->callback([&ctx, id, asJson] { show(ctx, *id, *asJson); });
+}
+
+}  // namespace orvel::cli

@@ -1,0 +1,128 @@
+// orvel info, backup, relink.
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+
+#include <filesystem>
+
+#include "app/app_paths.h"
+#include "core/store/locations.h"
+#include "tools/cli/commands.h"
+
+namespace orvel::cli {
+namespace {
+
+using nlohmann::json;
+
+json infoJson(Context& ctx) {
+  OrvelDB& db = ctx.db();
+  const auto n = [&](const std::string& sql) { return db.scalarInt(sql).value_or(0); };
+  std::error_code ec;
+  const auto bytes = std::filesystem::file_size(ctx.dbPath(), ec);
+  json collisions = json::array();
+  for (const auto& [key, count] : db.pathNormCollisions())
+    collisions.push_back({{"pathNorm", key}, {"count", count}});
+  return {
+      {"paths",
+       {{"database", ctx.dbPath()},
+        {"databaseBytes", ec ? 0 : bytes},
+        {"support", locations::supportDir().string()},
+        {"log", locations::logFile().string()},
+        {"backups", locations::backupsDir().string()},
+        {"snapshots", locations::snapshotsDir().string()}}},
+      {"schema",
+       {{"userVersion", db.userVersion()},
+        {"uniquePathIndex", db.hasIndex("idx_tracks_path_norm_unique")},
+        {"pathNormCollisions", collisions}}},
+      {"counts",
+       {{"tracks", n("SELECT COUNT(*) FROM tracks WHERE merged_into IS NULL AND "
+                     "COALESCE(removed, 0) = 0")},
+        {"removed", n("SELECT COUNT(*) FROM tracks WHERE COALESCE(removed, 0) <> 0 AND merged_into "
+                      "IS NULL")},
+        {"merged", n("SELECT COUNT(*) FROM tracks WHERE merged_into IS NOT NULL")},
+        {"missing", n("SELECT COUNT(*) FROM tracks WHERE file_missing = 1 AND merged_into IS NULL "
+                      "AND COALESCE(removed, 0) = 0")},
+        {"playlists", n("SELECT COUNT(*) FROM playlists")},
+        {"cues", n("SELECT COUNT(*) FROM cues")},
+        {"plays", n("SELECT COUNT(*) FROM play_history")},
+        {"operations", n("SELECT COUNT(DISTINCT op_id) FROM history")}}},
+  };
+}
+
+void printInfo(std::ostream& out, const json& j) {
+  const auto& p = j["paths"];
+  const auto& s = j["schema"];
+  const auto& c = j["counts"];
+  const auto mb = static_cast<double>(p["databaseBytes"].get<uint64_t>()) / 1e6;
+  out << fmt::format("catalogue   {} ({:.1f} MB)\n", p["database"].get<std::string>(), mb);
+  out << fmt::format("support     {}\n", p["support"].get<std::string>());
+  out << fmt::format("log         {}\n", p["log"].get<std::string>());
+  out << fmt::format("backups     {}\n", p["backups"].get<std::string>());
+  std::string schema = fmt::format("user_version {}", s["userVersion"].get<int64_t>());
+  if (s["uniquePathIndex"].get<bool>()) {
+    schema += " · one live track per file";
+  } else {
+    schema += fmt::format(" · {} files are held by more than one live track; remove or merge the "
+                          "extra rows (see --json)",
+                          s["pathNormCollisions"].size());
+  }
+  out << fmt::format("schema      {}\n", schema);
+  out << fmt::format("tracks      {} live · {} removed · {} merged · {} missing\n",
+                     c["tracks"].get<int64_t>(), c["removed"].get<int64_t>(),
+                     c["merged"].get<int64_t>(), c["missing"].get<int64_t>());
+  out << fmt::format("library     {} playlists · {} cues · {} plays · {} edits in history\n",
+                     c["playlists"].get<int64_t>(), c["cues"].get<int64_t>(),
+                     c["plays"].get<int64_t>(), c["operations"].get<int64_t>());
+}
+
+}  // namespace
+
+void addInfoCommand(CLI::App& app, Context& ctx) {
+  auto asJson = std::make_shared<bool>(false);
+  CLI::App* info = app.add_subcommand("info", "Paths, schema state and counts");
+  info->add_flag("--json", *asJson, "One JSON object on stdout");
+  info->callback([&ctx, asJson] {
+    const json j = infoJson(ctx);
+    if (*asJson)
+      ctx.out << j.dump(2) << '\n';
+    else
+      printInfo(ctx.out, j);
+  });
+}
+
+void addMaintenanceCommands(CLI::App& app, Context& ctx) {
+  auto keep = std::make_shared<int>(10);
+  CLI::App* backup = app.add_subcommand("backup", "Copy the catalogue into the Backups folder now");
+  backup->add_option("--keep", *keep, "Keep the newest N backups (default 10)")->check(CLI::PositiveNumber);
+  backup->callback([&ctx, keep] {
+    ctx.db();  // a catalogue that cannot be opened fails here with its reason
+    const auto file = app::AppPaths::backupDatabaseNow(ctx.dbPath(), *keep);
+    if (!file) throw CliError(kFailed, "backup failed (see " + locations::logFile().string() + ")");
+    ctx.out << "backed up to " << file->string() << '\n';
+  });
+
+  auto apply = std::make_shared<bool>(false);
+  auto asJson = std::make_shared<bool>(false);
+  CLI::App* relink = app.add_subcommand(
+      "relink", "Find tracks whose files moved and relink them (a dry run unless --apply)");
+  relink->add_flag("--apply", *apply, "Merge each moved track into its new row; mark the rest missing");
+  relink->add_flag("--json", *asJson, "One JSON object on stdout");
+  relink->callback([&ctx, apply, asJson] {
+    const RelinkStats s = ctx.db().relink(*apply);
+    if (*asJson) {
+      ctx.out << json{{"applied", *apply},        {"dead", s.dead},
+                      {"relinked", s.relinked},   {"ambiguous", s.ambiguous},
+                      {"unmatched", s.unmatched}, {"linksMoved", s.linksMoved}}
+                     .dump(2)
+              << '\n';
+      return;
+    }
+    ctx.out << fmt::format(
+        "{} files not found: {} {}, {} with several candidates, {} with none{}\n", s.dead,
+        s.relinked, *apply ? "relinked" : "can be relinked", s.ambiguous, s.unmatched,
+        *apply ? fmt::format(" (marked missing); {} playlist links moved", s.linksMoved)
+               : " — run with --apply to relink");
+  });
+}
+
+}  // namespace orvel::cli
