@@ -33,7 +33,9 @@ bool isFile(const fs::path& p) {
   return !p.empty() && fs::is_regular_file(p, ec);
 }
 
-bool isExecutableFile(const fs::path& p) { return isFile(p) && ::access(p.c_str(), X_OK) == 0; }
+bool isExecutableFile(const fs::path& p) {
+  return isFile(p) && ::access(p.c_str(), X_OK) == 0;
+}
 
 // The folder of the running program, or empty when the system will not say.
 const fs::path& exeDir() {
@@ -58,7 +60,9 @@ fs::path resourcesOverride() {
   return root != nullptr && root[0] != '\0' ? fs::path(root) : fs::path();
 }
 
-fs::path developerDir() { return locations::home() / "Developer" / "orvel"; }
+fs::path developerDir() {
+  return locations::home() / "Developer" / "orvel";
+}
 
 std::optional<fs::path> firstFile(std::initializer_list<fs::path> candidates) {
   for (const fs::path& p : candidates) {
@@ -110,9 +114,8 @@ void pruneBackups(const fs::path& dir, int keep) {
     if (name.starts_with("orvel-") && entry.is_regular_file(ec)) files.push_back(entry.path());
   }
   if (files.size() <= static_cast<size_t>(keep)) return;
-  std::sort(files.begin(), files.end(), [](const fs::path& a, const fs::path& b) {
-    return backupOrder(a) < backupOrder(b);
-  });
+  std::sort(files.begin(), files.end(),
+            [](const fs::path& a, const fs::path& b) { return backupOrder(a) < backupOrder(b); });
   const size_t excess = files.size() - static_cast<size_t>(keep);
   for (size_t i = 0; i < excess; ++i) fs::remove(files[i], ec);
 }
@@ -135,7 +138,7 @@ const fs::path& AppPaths::database() {
 }
 
 fs::path AppPaths::resolveDatabase(const fs::path& supportDir, const fs::path& devCopy) {
-  const fs::path target = supportDir / "orvel.db";
+  fs::path target = supportDir / "orvel.db";
   if (!isFile(devCopy)) return target;
   std::error_code ec;
   if (fs::exists(target, ec)) {
@@ -262,7 +265,8 @@ std::optional<fs::path> AppPaths::backupDatabaseNow(const fs::path& db, int keep
 
   const std::string stamp = backupStamp();
   fs::path target = dir / fmt::format("orvel-{}.db", stamp);
-  for (int n = 2; fs::exists(target, ec); ++n) target = dir / fmt::format("orvel-{}-{}.db", stamp, n);
+  for (int n = 2; fs::exists(target, ec); ++n)
+    target = dir / fmt::format("orvel-{}-{}.db", stamp, n);
 
   bool copied = false;
   // Opening a missing catalogue would create an empty one, and back that up.

@@ -7,9 +7,13 @@
 namespace orvel::app {
 namespace {
 
-QString toQ(std::string_view s) { return QString::fromUtf8(s.data(), static_cast<qsizetype>(s.size())); }
+QString toQ(std::string_view s) {
+  return QString::fromUtf8(s.data(), static_cast<qsizetype>(s.size()));
+}
 
-std::string toStd(const QString& text) { return text.toStdString(); }
+std::string toStd(const QString& text) {
+  return text.toStdString();
+}
 
 }  // namespace
 
@@ -31,7 +35,9 @@ void Settings::remove(std::string_view key) {
   store_.sync();
 }
 
-bool Settings::contains(std::string_view key) const { return store_.contains(toQ(key)); }
+bool Settings::contains(std::string_view key) const {
+  return store_.contains(toQ(key));
+}
 
 std::vector<std::string> Settings::allKeys() const {
   std::vector<std::string> out;
@@ -39,7 +45,9 @@ std::vector<std::string> Settings::allKeys() const {
   return out;
 }
 
-std::string Settings::location() const { return toStd(store_.fileName()); }
+std::string Settings::location() const {
+  return toStd(store_.fileName());
+}
 
 double Settings::lastLibraryBackup() const {
   bool ok = false;
@@ -88,7 +96,9 @@ int Settings::playHistoryLimit() const {
   return ok && limit > 0 ? limit : kDefaultPlayHistoryLimit;
 }
 
-void Settings::setPlayHistoryLimit(int limit) { setValue(keys::kPlayHistoryLimit, limit); }
+void Settings::setPlayHistoryLimit(int limit) {
+  setValue(keys::kPlayHistoryLimit, limit);
+}
 
 double Settings::softMuteLevel() const {
   bool ok = false;
@@ -96,21 +106,29 @@ double Settings::softMuteLevel() const {
   return ok ? level : kDefaultSoftMuteLevel;
 }
 
-void Settings::setSoftMuteLevel(double percent) { setValue(keys::kSoftMuteLevel, percent); }
+void Settings::setSoftMuteLevel(double percent) {
+  setValue(keys::kSoftMuteLevel, percent);
+}
 
-bool Settings::autoEQSaveToTrack() const { return value(keys::kAutoEQSaveToTrack, false).toBool(); }
+bool Settings::autoEQSaveToTrack() const {
+  return value(keys::kAutoEQSaveToTrack, false).toBool();
+}
 
-void Settings::setAutoEQSaveToTrack(bool on) { setValue(keys::kAutoEQSaveToTrack, on); }
+void Settings::setAutoEQSaveToTrack(bool on) {
+  setValue(keys::kAutoEQSaveToTrack, on);
+}
 
 std::string Settings::keyNotation() const {
-  const std::string stored = toStd(value(keys::kKeyNotation).toString());
+  std::string stored = toStd(value(keys::kKeyNotation).toString());
   for (std::string_view known : kKeyNotations) {
     if (stored == known) return stored;
   }
   return std::string(kKeyNotations[0]);
 }
 
-void Settings::setKeyNotation(std::string_view notation) { setValue(keys::kKeyNotation, toQ(notation)); }
+void Settings::setKeyNotation(std::string_view notation) {
+  setValue(keys::kKeyNotation, toQ(notation));
+}
 
 double Settings::bpmCeiling() const {
   bool ok = false;
@@ -118,11 +136,17 @@ double Settings::bpmCeiling() const {
   return ok ? bpm : 0.0;
 }
 
-void Settings::setBpmCeiling(double bpm) { setValue(keys::kBpmCeiling, bpm); }
+void Settings::setBpmCeiling(double bpm) {
+  setValue(keys::kBpmCeiling, bpm);
+}
 
-bool Settings::watchMusicFolder() const { return value(keys::kWatchMusicFolder, false).toBool(); }
+bool Settings::watchMusicFolder() const {
+  return value(keys::kWatchMusicFolder, false).toBool();
+}
 
-void Settings::setWatchMusicFolder(bool on) { setValue(keys::kWatchMusicFolder, on); }
+void Settings::setWatchMusicFolder(bool on) {
+  setValue(keys::kWatchMusicFolder, on);
+}
 
 std::optional<std::filesystem::path> Settings::mediaRoot() const {
   const QString root = value(keys::kMediaRoot).toString();

@@ -121,6 +121,8 @@ class OrvelDB {
 
   // ---- tracks (tracks.cpp) ----------------------------------------------
   std::vector<TrackRow> loadAllTracks(std::optional<int64_t> limit = std::nullopt) const;
+  // The launch query's text (what loadAllTracks steps), for measuring it bare.
+  static std::string launchQuery();
   std::optional<TrackRow> loadTrack(int64_t id) const;
   std::optional<int64_t> insertImported(const NewTrack& track, int64_t sourceId);
   int64_t orvelSourceId();

@@ -101,8 +101,10 @@ constexpr std::string_view kLive = "merged_into IS NULL AND (removed IS NULL OR 
 
 }  // namespace
 
+std::string OrvelDB::launchQuery() { return std::string(kTrackColumns) + std::string(kLiveOrder); }
+
 std::vector<TrackRow> OrvelDB::loadAllTracks(std::optional<int64_t> limit) const {
-  std::string sql = std::string(kTrackColumns) + std::string(kLiveOrder);
+  std::string sql = launchQuery();
   if (limit) sql += " LIMIT " + std::to_string(std::max<int64_t>(*limit, 0));
   Statement st = conn_.prepare(sql);
   std::vector<TrackRow> rows;

@@ -2,22 +2,10 @@
 // temporary folder, so no test can read or write the user's real files.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-
-#include "core/testing/temp_dir.h"
+#include "core/testing/temp_home.h"
 
 int main(int argc, char** argv) {
-  orvel::testing::TempDir home;
-  const auto set = [&](const char* var, const std::filesystem::path& p) {
-    std::filesystem::create_directories(p);
-    setenv(var, p.c_str(), 1);
-  };
-  set("HOME", home.path());
-  set("XDG_DATA_HOME", home / ".local/share");
-  set("XDG_STATE_HOME", home / ".local/state");
-  set("XDG_CONFIG_HOME", home / ".config");
-  set("XDG_CACHE_HOME", home / ".cache");
+  orvel::testing::TempHome home;
   ::testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

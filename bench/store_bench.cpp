@@ -1,0 +1,204 @@
+// Store benchmarks on a generated catalogue of 100,000 tracks. Each figure is
+// printed with its baseline from the same run: the bare SQLite work the
+// operation cannot avoid (stepping the same query, the same INSERTs or UPDATE
+// without the store's bookkeeping).
+#include <benchmark/benchmark.h>
+#include <fmt/format.h>
+
+#include <map>
+#include <memory>
+#include <optional>
+
+#include "bench/sample_catalogue.h"
+#include "core/store/log.h"
+#include "core/testing/temp_home.h"
+
+namespace orvel {
+namespace {
+
+constexpr int kLibrary = 100'000;
+
+struct Catalogue {
+  testing::TempDir dir;
+  std::unique_ptr<OrvelDB> db;
+  std::vector<int64_t> ids;
+};
+
+Catalogue& library() {
+  static const std::unique_ptr<Catalogue> c = [] {
+    auto made = std::make_unique<Catalogue>();
+    made->db = std::make_unique<OrvelDB>((made->dir / "orvel.db").string());
+    made->ids = sample::fill(*made->db, sample::makeTracks(kLibrary));
+    return made;
+  }();
+  return *c;
+}
+
+const std::vector<sample::SampleTrack>& tenThousand() {
+  static const auto tracks = sample::makeTracks(10'000, 7, "/Imports");
+  return tracks;
+}
+
+// ---- loading -------------------------------------------------------------
+
+void BM_LaunchQueryBareLoop(benchmark::State& state) {
+  OrvelDB& db = *library().db;
+  for (auto _ : state) {
+    Statement st = db.prepare(OrvelDB::launchQuery());
+    sqlite3_stmt* s = st.get();
+    const int columns = sqlite3_column_count(s);
+    int64_t sum = 0;
+    while (st.step()) {
+      for (int c = 0; c < columns; ++c) {
+        switch (sqlite3_column_type(s, c)) {
+          case SQLITE_INTEGER: sum += sqlite3_column_int64(s, c); break;
+          case SQLITE_FLOAT: sum += static_cast<int64_t>(sqlite3_column_double(s, c)); break;
+          case SQLITE_TEXT:
+            sum += reinterpret_cast<const char*>(sqlite3_column_text(s, c))[0];
+            sum += sqlite3_column_bytes(s, c);
+            break;
+          default: break;
+        }
+      }
+    }
+    benchmark::DoNotOptimize(sum);
+  }
+  state.counters["rows"] = kLibrary;
+}
+
+void BM_LoadAllTracks(benchmark::State& state) {
+  OrvelDB& db = *library().db;
+  for (auto _ : state) {
+    auto rows = db.loadAllTracks();
+    benchmark::DoNotOptimize(rows.data());
+    if (rows.size() != static_cast<size_t>(kLibrary)) state.SkipWithError("wrong row count");
+  }
+  state.counters["rows"] = kLibrary;
+}
+
+// ---- adding --------------------------------------------------------------
+
+void BM_InsertBare10k(benchmark::State& state) {
+  for (auto _ : state) {
+    state.PauseTiming();
+    testing::TempDir dir;
+    {
+      OrvelDB db((dir / "orvel.db").string());
+      state.ResumeTiming();
+      Transaction tx(db.connection());
+      Statement ins = db.prepare(
+          "INSERT INTO tracks(path, filename, title, artist, album, genre, duration_ms, "
+          "filesize_bytes, date_added, date_created, production) VALUES(?,?,?,?,?,?,?,?,?,?,?)");
+      for (const auto& t : tenThousand()) {
+        const auto& f = t.file;
+        ins.reset();
+        ins.bind(1, f.path).bind(2, f.path).bind(3, f.title).bind(4, f.artist).bind(5, f.album);
+        ins.bind(6, f.genre).bind(7, f.durationMs).bind(8, f.filesizeBytes).bind(9, f.dateAdded);
+        ins.bind(10, f.dateCreated).bind(11, int64_t{0}).stepCode();
+      }
+      tx.commit();
+      state.PauseTiming();
+    }
+    state.ResumeTiming();
+  }
+}
+
+void BM_InsertImported10k(benchmark::State& state) {
+  for (auto _ : state) {
+    state.PauseTiming();
+    testing::TempDir dir;
+    {
+      OrvelDB db((dir / "orvel.db").string());
+      const int64_t source = db.orvelSourceId();
+      state.ResumeTiming();
+      Transaction tx(db.connection());
+      for (const auto& t : tenThousand()) db.insertImported(t.file, source);
+      tx.commit();
+      state.PauseTiming();
+      if (db.count("tracks") != 10'000) state.SkipWithError("wrong row count");
+    }
+    state.ResumeTiming();
+  }
+}
+
+// ---- editing -------------------------------------------------------------
+
+std::vector<int64_t> fiveThousandIds() {
+  const auto& all = library().ids;
+  std::vector<int64_t> ids;
+  for (size_t i = 0; i < all.size() && ids.size() < 5000; i += all.size() / 5000) ids.push_back(all[i]);
+  return ids;
+}
+
+void BM_UpdateBare5000(benchmark::State& state) {
+  OrvelDB& db = *library().db;
+  const auto ids = fiveThousandIds();
+  int n = 0;
+  for (auto _ : state) {
+    Statement up = db.prepare("UPDATE tracks SET genre = ? WHERE id IN (" + joinIds(ids) + ")");
+    up.bind(1, fmt::format("Genre {}", n++)).stepCode();
+  }
+}
+
+void BM_SetFieldJournaled5000(benchmark::State& state) {
+  OrvelDB& db = *library().db;
+  const auto ids = fiveThousandIds();
+  int n = 0;
+  for (auto _ : state) {
+    if (!db.setField("genre", fmt::format("Genre {}", n++), ids, "Edit Genre"))
+      state.SkipWithError("setField refused");
+  }
+}
+
+BENCHMARK(BM_LaunchQueryBareLoop)->Unit(benchmark::kMillisecond)->MinTime(2.0);
+BENCHMARK(BM_LoadAllTracks)->Unit(benchmark::kMillisecond)->MinTime(2.0);
+BENCHMARK(BM_InsertBare10k)->Unit(benchmark::kMillisecond)->Iterations(5);
+BENCHMARK(BM_InsertImported10k)->Unit(benchmark::kMillisecond)->Iterations(5);
+BENCHMARK(BM_UpdateBare5000)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_SetFieldJournaled5000)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+
+// Keeps each benchmark's time per iteration so the ratios can be printed.
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const auto& r : runs)
+      if (!r.error_occurred) ms[r.benchmark_name()] = r.GetAdjustedRealTime();
+    ConsoleReporter::ReportRuns(runs);
+  }
+  std::map<std::string, double> ms;
+};
+
+}  // namespace
+}  // namespace orvel
+
+int main(int argc, char** argv) {
+  orvel::testing::TempHome home;
+  orvel::setNoteEcho(false);
+  benchmark::Initialize(&argc, argv);
+  orvel::RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  // Benchmark names carry their settings ("BM_X/min_time:2.000"); match the stem.
+  const auto timeOf = [&](const std::string& stem) -> std::optional<double> {
+    for (const auto& [name, ms] : reporter.ms)
+      if (name == stem || name.starts_with(stem + "/")) return ms;
+    return std::nullopt;
+  };
+  const auto ratio = [&](const char* what, const char* op, const char* base, double budget) {
+    const auto a = timeOf(op);
+    const auto b = timeOf(base);
+    if (!a || !b) return;
+    const double r = *a / *b;
+    fmt::print("{:<56} {:8.2f} ms vs {:8.2f} ms = {:.2f}x{}\n", what, *a, *b, r,
+               budget > 0 ? fmt::format("  (budget {:.1f}x: {})", budget, r <= budget ? "ok" : "OVER")
+                          : "");
+  };
+  fmt::print("\nRatios against the bare SQLite work, same run:\n");
+  ratio("loadAllTracks, 100,000 rows / bare launch-query loop", "BM_LoadAllTracks",
+        "BM_LaunchQueryBareLoop", 1.5);
+  ratio("insertImported x10,000 in one transaction / bare INSERT", "BM_InsertImported10k",
+        "BM_InsertBare10k", 0);
+  ratio("journaled setField on 5,000 ids / bare UPDATE", "BM_SetFieldJournaled5000",
+        "BM_UpdateBare5000", 0);
+  benchmark::Shutdown();
+  return 0;
+}
