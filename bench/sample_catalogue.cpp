@@ -37,7 +37,7 @@ std::string pick(std::mt19937& g, const A& a) {
 std::vector<SampleTrack> makeTracks(int count, uint32_t seed, const std::string& root) {
   std::mt19937 g(seed);
   // A library has far fewer artists than tracks, and albums of several tracks.
-  const int artists = std::max(1, count / 12);
+  const int artists = std::max(std::min(count, 6), count / 8);
   std::vector<std::string> artistNames;
   for (int i = 0; i < artists; ++i)
     artistNames.push_back(pick(g, kFirst) + " " + pick(g, kLast) +

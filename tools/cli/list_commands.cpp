@@ -86,7 +86,7 @@ void printTrackTable(std::ostream& out, const std::vector<TrackRow>& rows) {
                {"BPM", 6, true},
                {"KEY", 4},
                {"TIME", 8, true},
-               {"RATING", 5},
+               {"RATING", 6},
                {"GENRE", 18}});
   for (const auto& r : rows)
     table.add({std::to_string(r.id), r.artist, r.title, r.bpmText(), r.key, r.durationText(),

@@ -1,0 +1,55 @@
+# A thin front over CMake presets. `make demo` and `make test` are the two
+# Quick start commands of the README.
+PRESET ?= dev
+BUILD := build/$(PRESET)
+JOBS ?= $(shell nproc 2>/dev/null || echo 2)
+# CI turns warnings in Orvel's own code into errors.
+CMAKE_FLAGS := $(if $(CI),-DORVEL_WERROR=ON,)
+
+.PHONY: all deps configure build run demo test test-asan bench format tidy clean
+
+all: build
+
+deps:
+	scripts/install-deps
+
+configure:
+	cmake --preset $(PRESET) $(CMAKE_FLAGS) >/dev/null
+
+build: configure
+	cmake --build $(BUILD) -j $(JOBS)
+
+# make run ARGS="ls --limit 20"
+run: build
+	$(BUILD)/orvel $(ARGS)
+
+# Installs what is missing, builds, and shows Orvel on a sample catalogue made
+# in a scratch folder (HOME points there too, so nothing of yours is touched).
+demo: deps build
+	@scratch=$$(mktemp -d "$${TMPDIR:-/tmp}/orvel-demo.XXXXXX"); \
+	export HOME="$$scratch" XDG_DATA_HOME="$$scratch/share" XDG_STATE_HOME="$$scratch/state" \
+	       XDG_CONFIG_HOME="$$scratch/config" XDG_CACHE_HOME="$$scratch/cache"; \
+	set -e; \
+	echo "== a sample catalogue in $$scratch"; \
+	$(BUILD)/orvel-sample --tracks 12 "$$scratch/orvel.db"; \
+	echo "== orvel info"; $(BUILD)/orvel --db "$$scratch/orvel.db" info; \
+	echo; echo "== orvel ls"; $(BUILD)/orvel --db "$$scratch/orvel.db" ls
+
+test: build
+	ctest --preset $(PRESET) -j $(JOBS)
+
+test-asan:
+	$(MAKE) test PRESET=asan
+
+bench:
+	$(MAKE) build PRESET=release
+	build/release/bench/orvel_store_bench
+
+format:
+	git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+tidy: configure
+	git ls-files '*.cpp' | grep -v '_test.cpp' | xargs clang-tidy -p $(BUILD) --quiet
+
+clean:
+	rm -rf build
