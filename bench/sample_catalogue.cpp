@@ -9,22 +9,25 @@
 namespace orvel::sample {
 namespace {
 
-constexpr std::array kFirst = {"Kalo", "Mira", "Dense", "Owen", "Lena", "Theo", "Ada", "Niko",
-                                "Sable", "Juno", "Rafa", "Ines", "Tomas", "Yuki", "Bj\xC3\xB6rn",
-                                "Zo\xC3\xAB", "Ren\xC3\xA9", "Ama", "Cleo", "Ivo"};
-constexpr std::array kLast = {"Venn", "Arlo", "Marsh", "Okafor", "Lindqvist", "Moreau", "Kade",
-                              "Sol", "Varga", "Reyes", "Hollis", "Brandt", "Ito", "Fenn",
-                              "M\xC3\xBCller", "Costa", "Quill", "Dahl", "Neri", "Voss"};
-constexpr std::array kWords = {"Midnight", "Circuit", "Velvet", "Signal", "Echo", "Harbor",
-                               "Neon", "Drift", "Pulse", "Garden", "Static", "Ember", "Tide",
-                               "Mirror", "Orbit", "Dust", "Fever", "Glass", "Horizon", "Saudade",
-                               "Ritual", "Motion", "Lantern", "Vapor", "Cascade", "Bloom"};
-constexpr std::array kGenres = {"House", "Deep House", "Techno", "Disco", "Nu Disco", "Electro",
-                                "Breaks", "Ambient", "Drum & Bass", "Garage", "Dub", "Hip-Hop",
-                                "Soul", "Funk", "Jazz", "Afrobeat", "Balearic", "Minimal"};
-constexpr std::array kKeys = {"1A", "2A", "3A", "4A", "5A", "6A", "7A", "8A", "9A", "10A",
-                              "11A", "12A", "1B", "2B", "3B", "4B", "5B", "6B", "7B", "8B",
-                              "9B", "10B", "11B", "12B"};
+constexpr std::array kFirst = {"Kalo",       "Mira",        "Dense", "Owen",  "Lena",
+                               "Theo",       "Ada",         "Niko",  "Sable", "Juno",
+                               "Rafa",       "Ines",        "Tomas", "Yuki",  "Bj\xC3\xB6rn",
+                               "Zo\xC3\xAB", "Ren\xC3\xA9", "Ama",   "Cleo",  "Ivo"};
+constexpr std::array kLast = {"Venn",   "Arlo",   "Marsh", "Okafor", "Lindqvist",
+                              "Moreau", "Kade",   "Sol",   "Varga",  "Reyes",
+                              "Hollis", "Brandt", "Ito",   "Fenn",   "M\xC3\xBCller",
+                              "Costa",  "Quill",  "Dahl",  "Neri",   "Voss"};
+constexpr std::array kWords = {
+    "Midnight", "Circuit", "Velvet", "Signal", "Echo",    "Harbor", "Neon",    "Drift", "Pulse",
+    "Garden",   "Static",  "Ember",  "Tide",   "Mirror",  "Orbit",  "Dust",    "Fever", "Glass",
+    "Horizon",  "Saudade", "Ritual", "Motion", "Lantern", "Vapor",  "Cascade", "Bloom"};
+constexpr std::array kGenres = {"House",    "Deep House", "Techno",  "Disco",       "Nu Disco",
+                                "Electro",  "Breaks",     "Ambient", "Drum & Bass", "Garage",
+                                "Dub",      "Hip-Hop",    "Soul",    "Funk",        "Jazz",
+                                "Afrobeat", "Balearic",   "Minimal"};
+constexpr std::array kKeys = {"1A", "2A",  "3A",  "4A",  "5A", "6A",  "7A",  "8A",
+                              "9A", "10A", "11A", "12A", "1B", "2B",  "3B",  "4B",
+                              "5B", "6B",  "7B",  "8B",  "9B", "10B", "11B", "12B"};
 constexpr std::array kExt = {"mp3", "mp3", "mp3", "flac", "m4a", "wav", "aiff"};
 
 template <typename A>
@@ -40,12 +43,14 @@ std::vector<SampleTrack> makeTracks(int count, uint32_t seed, const std::string&
   const int artists = std::max(std::min(count, 6), count / 8);
   std::vector<std::string> artistNames;
   for (int i = 0; i < artists; ++i)
-    artistNames.push_back(pick(g, kFirst) + " " + pick(g, kLast) +
-                          (i >= static_cast<int>(kFirst.size() * kLast.size()) ? fmt::format(" {}", i) : ""));
+    artistNames.push_back(
+        pick(g, kFirst) + " " + pick(g, kLast) +
+        (i >= static_cast<int>(kFirst.size() * kLast.size()) ? fmt::format(" {}", i) : ""));
   std::vector<SampleTrack> out;
   out.reserve(static_cast<size_t>(count));
   for (int i = 0; i < count; ++i) {
-    const std::string artist = artistNames[std::uniform_int_distribution<size_t>(0, artistNames.size() - 1)(g)];
+    const std::string artist =
+        artistNames[std::uniform_int_distribution<size_t>(0, artistNames.size() - 1)(g)];
     const std::string album = pick(g, kWords) + " " + pick(g, kWords);
     const std::string title = pick(g, kWords) + " " + pick(g, kWords) +
                               (g() % 5 == 0 ? " (" + pick(g, kFirst) + " Remix)" : "");
@@ -86,7 +91,10 @@ std::vector<int64_t> fill(OrvelDB& db, const std::vector<SampleTrack>& tracks) {
     details.reset();
     details.bind(1, t.bpm).bind(2, t.key).bind(3, t.year).bind(4, static_cast<int64_t>(t.rating));
     details.bind(5, static_cast<int64_t>(t.bitrate));
-    if (t.comment.empty()) details.bindNull(6); else details.bind(6, t.comment);
+    if (t.comment.empty())
+      details.bindNull(6);
+    else
+      details.bind(6, t.comment);
     details.bind(7, static_cast<int64_t>(ids.size() % 17)).bind(8, *id).stepCode();
   }
   tx.commit();

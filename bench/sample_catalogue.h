@@ -22,7 +22,8 @@ struct SampleTrack {
 };
 
 // `count` tracks; the same seed gives the same tracks.
-std::vector<SampleTrack> makeTracks(int count, uint32_t seed = 2026, const std::string& root = "/Music");
+std::vector<SampleTrack> makeTracks(int count, uint32_t seed = 2026,
+                                    const std::string& root = "/Music");
 
 // Adds the tracks through insertImported in one transaction and fills in the
 // analysed fields the way a used library has them. Returns the new ids.

@@ -1,7 +1,6 @@
 // orvel-sample: writes a believable sample catalogue, for the demo and for
 // trying the command line on something bigger than an empty library.
 #include <CLI/CLI.hpp>
-
 #include <iostream>
 
 #include "bench/sample_catalogue.h"
@@ -13,7 +12,8 @@ int main(int argc, char** argv) {
   int tracks = 12;
   uint32_t seed = 2026;
   app.add_option("DB", db, "Catalogue file to create or add to")->required();
-  app.add_option("--tracks", tracks, "How many tracks (default 12)")->check(CLI::Range(1, 10'000'000));
+  app.add_option("--tracks", tracks, "How many tracks (default 12)")
+      ->check(CLI::Range(1, 10'000'000));
   app.add_option("--seed", seed, "Seed of the generator");
   CLI11_PARSE(app, argc, argv);
   orvel::setNoteEcho(false);  // the new catalogue's upgrade notes go to the log only

@@ -51,13 +51,18 @@ void BM_LaunchQueryBareLoop(benchmark::State& state) {
     while (st.step()) {
       for (int c = 0; c < columns; ++c) {
         switch (sqlite3_column_type(s, c)) {
-          case SQLITE_INTEGER: sum += sqlite3_column_int64(s, c); break;
-          case SQLITE_FLOAT: sum += static_cast<int64_t>(sqlite3_column_double(s, c)); break;
+          case SQLITE_INTEGER:
+            sum += sqlite3_column_int64(s, c);
+            break;
+          case SQLITE_FLOAT:
+            sum += static_cast<int64_t>(sqlite3_column_double(s, c));
+            break;
           case SQLITE_TEXT:
             sum += reinterpret_cast<const char*>(sqlite3_column_text(s, c))[0];
             sum += sqlite3_column_bytes(s, c);
             break;
-          default: break;
+          default:
+            break;
         }
       }
     }
@@ -126,7 +131,8 @@ void BM_InsertImported10k(benchmark::State& state) {
 std::vector<int64_t> fiveThousandIds() {
   const auto& all = library().ids;
   std::vector<int64_t> ids;
-  for (size_t i = 0; i < all.size() && ids.size() < 5000; i += all.size() / 5000) ids.push_back(all[i]);
+  for (size_t i = 0; i < all.size() && ids.size() < 5000; i += all.size() / 5000)
+    ids.push_back(all[i]);
   return ids;
 }
 
@@ -189,8 +195,9 @@ int main(int argc, char** argv) {
     if (!a || !b) return;
     const double r = *a / *b;
     fmt::print("{:<56} {:8.2f} ms vs {:8.2f} ms = {:.2f}x{}\n", what, *a, *b, r,
-               budget > 0 ? fmt::format("  (budget {:.1f}x: {})", budget, r <= budget ? "ok" : "OVER")
-                          : "");
+               budget > 0
+                   ? fmt::format("  (budget {:.1f}x: {})", budget, r <= budget ? "ok" : "OVER")
+                   : "");
   };
   fmt::print("\nRatios against the bare SQLite work, same run:\n");
   ratio("loadAllTracks, 100,000 rows / bare launch-query loop", "BM_LoadAllTracks",

@@ -40,7 +40,8 @@ Connection::Connection(const std::string& path) {
   // A file that is not a catalogue opens fine and fails on first use; find
   // out now, while failing is still the opener's business.
   char* err = nullptr;
-  if (sqlite3_exec(db_, "SELECT COUNT(*) FROM sqlite_master", nullptr, nullptr, &err) != SQLITE_OK) {
+  if (sqlite3_exec(db_, "SELECT COUNT(*) FROM sqlite_master", nullptr, nullptr, &err) !=
+      SQLITE_OK) {
     std::string message = err != nullptr ? err : sqlite3_errmsg(db_);
     sqlite3_free(err);
     sqlite3_close(db_);
@@ -49,7 +50,9 @@ Connection::Connection(const std::string& path) {
   }
 }
 
-Connection::~Connection() { sqlite3_close_v2(db_); }
+Connection::~Connection() {
+  sqlite3_close_v2(db_);
+}
 
 Statement Connection::prepare(std::string_view sql) const {
   sqlite3_stmt* stmt = nullptr;

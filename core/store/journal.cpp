@@ -1,12 +1,12 @@
 #include "core/store/journal.h"
 
-#include <nlohmann/json.hpp>
 #include <unicode/locid.h>
 #include <unicode/uchar.h>
 #include <unicode/unistr.h>
 
 #include <algorithm>
 #include <cctype>
+#include <nlohmann/json.hpp>
 #include <random>
 #include <set>
 
@@ -19,9 +19,8 @@ using nlohmann::json;
 // any other table is ignored, so a foreign or damaged row cannot write
 // anywhere else.
 const std::set<std::string, std::less<>> kRowTables = {
-    "tracks",  "playlists",       "cues",        "beatgrids",      "smart_playlists",
-    "sources", "track_options",   "track_tags",  "release_fields", "track_sources",
-    "waveforms"};
+    "tracks",        "playlists",  "cues",           "beatgrids",     "smart_playlists", "sources",
+    "track_options", "track_tags", "release_fields", "track_sources", "waveforms"};
 
 bool validIdentifier(std::string_view s) {
   if (s.empty()) return false;
@@ -31,9 +30,12 @@ bool validIdentifier(std::string_view s) {
 
 json columnValue(const Statement& st, int col) {
   switch (sqlite3_column_type(st.get(), col)) {
-    case SQLITE_INTEGER: return st.int64(col);
-    case SQLITE_FLOAT: return st.real(col);
-    case SQLITE_NULL: return nullptr;
+    case SQLITE_INTEGER:
+      return st.int64(col);
+    case SQLITE_FLOAT:
+      return st.real(col);
+    case SQLITE_NULL:
+      return nullptr;
     case SQLITE_BLOB: {
       // Blobs travel as {"hex": "…"}; no journaled table keeps one today,
       // but a row with one must still come back whole.
@@ -45,7 +47,8 @@ json columnValue(const Statement& st, int col) {
       }
       return json{{"hex", hex}};
     }
-    default: return st.text(col);
+    default:
+      return st.text(col);
   }
 }
 
@@ -283,7 +286,8 @@ std::vector<Journal::Operation> Journal::operations(int limit) const {
       "FROM history GROUP BY op_id ORDER BY MAX(at) DESC, op_id DESC LIMIT ?");
   st.bind(1, static_cast<int64_t>(limit));
   while (st.step())
-    out.push_back({st.text(0), st.text(1), st.int64(2), st.int64(3), st.int64(4) != 0, st.int64(5)});
+    out.push_back(
+        {st.text(0), st.text(1), st.int64(2), st.int64(3), st.int64(4) != 0, st.int64(5)});
   return out;
 }
 
@@ -299,8 +303,12 @@ std::vector<Journal::Entry> Journal::entries(const std::string& opId) const {
   return out;
 }
 
-int Journal::undo(const std::string& opId) const { return apply(opId, true); }
-int Journal::redo(const std::string& opId) const { return apply(opId, false); }
+int Journal::undo(const std::string& opId) const {
+  return apply(opId, true);
+}
+int Journal::redo(const std::string& opId) const {
+  return apply(opId, false);
+}
 
 int Journal::apply(const std::string& opId, bool undoing) const {
   struct Pending {
@@ -313,11 +321,11 @@ int Journal::apply(const std::string& opId, bool undoing) const {
   {
     // Undo walks newest first, redo oldest first, so that rows come back
     // before the entries that refer to them.
-    Statement st = conn_.prepare(
-        undoing ? "SELECT entity, entity_id, field, old_value FROM history\n"
-                  "WHERE op_id = ? AND undone = 0 ORDER BY id DESC"
-                : "SELECT entity, entity_id, field, new_value FROM history\n"
-                  "WHERE op_id = ? AND undone = 1 ORDER BY id ASC");
+    Statement st =
+        conn_.prepare(undoing ? "SELECT entity, entity_id, field, old_value FROM history\n"
+                                "WHERE op_id = ? AND undone = 0 ORDER BY id DESC"
+                              : "SELECT entity, entity_id, field, new_value FROM history\n"
+                                "WHERE op_id = ? AND undone = 1 ORDER BY id ASC");
     st.bind(1, opId);
     while (st.step()) pending.push_back({st.text(0), st.int64(1), st.text(2), st.optText(3)});
   }
@@ -379,20 +387,20 @@ const std::vector<std::string>& Journal::writable(std::string_view entity) {
   // column in `tracks`, so their writes fail harmlessly. The rest are the
   // other fields a user can edit, so that each such edit can be undone.
   static const std::vector<std::string> kTracks = {
-      "removed", "rating", "play_count", "genre", "artist", "album", "title", "comment",
-      "grouping", "label", "year", "bpm", "key", "energy", "catalog_no", "barcode", "country",
-      "release_format", "discogs_id", "volume_adjust", "production", "date_added", "path",
-      "file_missing", "flags", "master",
+      "removed", "rating", "play_count", "genre", "artist", "album", "title", "comment", "grouping",
+      "label", "year", "bpm", "key", "energy", "catalog_no", "barcode", "country", "release_format",
+      "discogs_id", "volume_adjust", "production", "date_added", "path", "file_missing", "flags",
+      "master",
       // user-editable beyond the historical list
-      "loved", "disliked", "album_artist", "composer", "track_number", "disc_number",
-      "track_count", "disc_count", "album_rating", "compilation", "work", "movement_name",
-      "movement_number", "sort_title", "sort_artist", "sort_album", "sort_album_artist",
-      "sort_composer", "isrc", "serato_label", "studio_status", "studio_note", "equalizer",
-      "description", "category", "release_date", "lyrics"};
+      "loved", "disliked", "album_artist", "composer", "track_number", "disc_number", "track_count",
+      "disc_count", "album_rating", "compilation", "work", "movement_name", "movement_number",
+      "sort_title", "sort_artist", "sort_album", "sort_album_artist", "sort_composer", "isrc",
+      "serato_label", "studio_status", "studio_note", "equalizer", "description", "category",
+      "release_date", "lyrics"};
   static const std::vector<std::string> kPlaylists = {"name", "parent_id", "color", "sort_order",
                                                       "kind"};
   static const std::vector<std::string> kCues = {"position_ms", "length_ms", "color", "name",
-                                                 "idx", "bank", "kind"};
+                                                 "idx",         "bank",      "kind"};
   if (entity == "tracks") return kTracks;
   if (entity == "playlists") return kPlaylists;
   if (entity == "cues") return kCues;

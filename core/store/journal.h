@@ -55,7 +55,8 @@ class Journal {
   static std::string makeOpId(std::string_view opName, int64_t unixSeconds, uint32_t random);
 
   void record(const std::string& opId, const std::string& opName, const std::string& entity,
-              int64_t entityId, const std::string& field, const std::optional<std::string>& oldValue,
+              int64_t entityId, const std::string& field,
+              const std::optional<std::string>& oldValue,
               const std::optional<std::string>& newValue) const;
 
   // Records the current value of `field` (as text) for each id as the old
@@ -69,7 +70,8 @@ class Journal {
   void snapshotRow(const std::string& opId, const std::string& opName, const std::string& table,
                    int64_t id) const;
   // The ordered member list of a playlist as the old value of "@members".
-  void snapshotPlaylist(const std::string& opId, const std::string& opName, int64_t playlistId) const;
+  void snapshotPlaylist(const std::string& opId, const std::string& opName,
+                        int64_t playlistId) const;
   // A row the operation has just created: old value NULL, new value the row,
   // so undo deletes it and redo puts it back.
   void recordCreated(const std::string& opId, const std::string& opName, const std::string& table,
@@ -80,7 +82,8 @@ class Journal {
 
   // Puts a recorded value back: a JSON object is a row (INSERT OR REPLACE), a
   // JSON array a member list, and no value deletes the row.
-  bool restoreRow(const std::string& table, int64_t id, const std::optional<std::string>& value) const;
+  bool restoreRow(const std::string& table, int64_t id,
+                  const std::optional<std::string>& value) const;
 
   std::vector<Operation> operations(int limit) const;
   std::vector<Entry> entries(const std::string& opId) const;

@@ -83,7 +83,8 @@ TEST_F(JournalTest, RedoFollowsTheUndoStackAndANewEditClosesIt) {
 TEST_F(JournalTest, WholeRowsAndMemberListsComeBack) {
   const int64_t t1 = add("/m/1.mp3");
   const int64_t t2 = add("/m/2.mp3");
-  db().execChecked("INSERT INTO playlists(id, name, kind, color) VALUES(40, 'Warm-up', 'crate', '#fff')");
+  db().execChecked(
+      "INSERT INTO playlists(id, name, kind, color) VALUES(40, 'Warm-up', 'crate', '#fff')");
   db().execChecked("INSERT INTO playlist_tracks VALUES(40, " + std::to_string(t2) + ", 0), (40, " +
                    std::to_string(t1) + ", 1)");
   Journal& j = journal();
@@ -92,11 +93,16 @@ TEST_F(JournalTest, WholeRowsAndMemberListsComeBack) {
   const std::string del = j.begin("Delete Playlist");
   j.snapshotPlaylist(del, "Delete Playlist", 40);
   j.snapshotRow(del, "Delete Playlist", "playlists", 40);
-  db().execChecked("DELETE FROM playlist_tracks WHERE playlist_id = 40; DELETE FROM playlists WHERE id = 40");
+  db().execChecked(
+      "DELETE FROM playlist_tracks WHERE playlist_id = 40; DELETE FROM playlists WHERE id = 40");
   j.seal(del);
   EXPECT_EQ(reopen().journal().undo(del), 2);
-  EXPECT_EQ(db().scalarInt("SELECT COUNT(*) FROM playlists WHERE id = 40 AND name = 'Warm-up' AND color = '#fff'"), 1);
-  EXPECT_EQ(db().journal().membersJSON(40), "[" + std::to_string(t2) + "," + std::to_string(t1) + "]");
+  EXPECT_EQ(
+      db().scalarInt(
+          "SELECT COUNT(*) FROM playlists WHERE id = 40 AND name = 'Warm-up' AND color = '#fff'"),
+      1);
+  EXPECT_EQ(db().journal().membersJSON(40),
+            "[" + std::to_string(t2) + "," + std::to_string(t1) + "]");
   EXPECT_EQ(db().journal().redo(del), 2);
   EXPECT_EQ(db().count("playlists"), 0);
   EXPECT_EQ(db().count("playlist_tracks"), 0);

@@ -38,7 +38,11 @@ fs::path logFile() {
 #endif
 }
 
-fs::path snapshotsDir() { return supportDir() / "Snapshots"; }
-fs::path backupsDir() { return supportDir() / "Backups"; }
+fs::path snapshotsDir() {
+  return supportDir() / "Snapshots";
+}
+fs::path backupsDir() {
+  return supportDir() / "Backups";
+}
 
 }  // namespace orvel::locations

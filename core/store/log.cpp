@@ -56,8 +56,12 @@ void note(std::string_view message) {
   if (gEcho.load(std::memory_order_relaxed)) std::fwrite(line.data(), 1, line.size(), stderr);
 }
 
-void appendLogLine(std::string_view message) { appendToFile(formatLine(message)); }
+void appendLogLine(std::string_view message) {
+  appendToFile(formatLine(message));
+}
 
-void setNoteEcho(bool echo) { gEcho.store(echo, std::memory_order_relaxed); }
+void setNoteEcho(bool echo) {
+  gEcho.store(echo, std::memory_order_relaxed);
+}
 
 }  // namespace orvel

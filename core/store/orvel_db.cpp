@@ -52,7 +52,9 @@ void OrvelDB::registerFunctions() {
                              nullptr, orvelNormSql, nullptr, nullptr, nullptr);
 }
 
-std::string OrvelDB::normalizePath(std::string_view path) { return normalizePathKey(path); }
+std::string OrvelDB::normalizePath(std::string_view path) {
+  return normalizePathKey(path);
+}
 
 bool OrvelDB::backup(const std::string& to) const {
   sqlite3* dest = nullptr;

@@ -74,9 +74,9 @@ struct IdsOrError {
 
 class OrvelDB {
  public:
-  using FieldWritten = std::function<void(const std::string& field,
-                                          const std::optional<std::string>& value,
-                                          const std::vector<int64_t>& ids)>;
+  using FieldWritten =
+      std::function<void(const std::string& field, const std::optional<std::string>& value,
+                         const std::vector<int64_t>& ids)>;
 
   // Opens or creates the catalogue and upgrades it. Throws StoreError.
   explicit OrvelDB(const std::string& path);
@@ -95,7 +95,9 @@ class OrvelDB {
 
   // ---- statements -------------------------------------------------------
   Statement prepare(std::string_view sql) const { return conn_.prepare(sql); }
-  std::optional<std::string> execChecked(const std::string& sql) const { return conn_.execChecked(sql); }
+  std::optional<std::string> execChecked(const std::string& sql) const {
+    return conn_.execChecked(sql);
+  }
   std::optional<int64_t> scalarInt(std::string_view sql) const { return conn_.scalarInt(sql); }
   int64_t count(std::string_view table) const { return conn_.count(table); }
   void begin() const { conn_.begin(); }
@@ -133,7 +135,8 @@ class OrvelDB {
   bool hasTrackColumn(std::string_view column) const;
   // Journaled edit of one column on many tracks; false (nothing written) for
   // an unknown column. Returns the op id on success.
-  std::optional<std::string> setField(const std::string& column, const std::optional<std::string>& value,
+  std::optional<std::string> setField(const std::string& column,
+                                      const std::optional<std::string>& value,
                                       std::span<const int64_t> ids, const std::string& opName);
   // The same update without a journal entry, for use inside other operations.
   bool writeField(const std::string& column, const std::optional<std::string>& value,
@@ -157,13 +160,15 @@ class OrvelDB {
   bool hasTrack(std::string_view path) const;
   std::optional<int64_t> trackId(std::string_view path) const;
   std::optional<std::string> findByTags(std::string_view artist, std::string_view title) const;
-  std::vector<int64_t> existingIds(std::span<const int64_t> ids) const;  // live ones, in the given order
+  std::vector<int64_t> existingIds(
+      std::span<const int64_t> ids) const;  // live ones, in the given order
 
   // Generic filters over live tracks. Column names are checked against the table.
   std::vector<int64_t> idsWhere(const std::string& condition, int64_t limit) const;
   std::vector<int64_t> idsWhereFieldEquals(const std::string& column, std::string_view value) const;
   std::vector<std::pair<std::string, int64_t>> valueCounts(const std::string& column) const;
-  std::vector<std::string> fieldValues(const std::string& column, std::span<const int64_t> ids) const;
+  std::vector<std::string> fieldValues(const std::string& column,
+                                       std::span<const int64_t> ids) const;
   std::vector<PurgeRow> purgeRows() const;
   std::vector<ArtistAlbumGenre> artistAlbumGenreRows() const;
 

@@ -10,8 +10,8 @@ namespace orvel {
 namespace {
 
 using ::testing::HasSubstr;
-using ::testing::Not;
 using testing::LogCapture;
+using ::testing::Not;
 using testing::StoreTest;
 
 class OrvelDBTest : public StoreTest {};
@@ -22,10 +22,10 @@ TEST_F(OrvelDBTest, NewFileIsCreatedUpgradedAndMarkedRepaired) {
   EXPECT_THAT(log.text(), HasSubstr("tracks: cannot read the table definition — rebuild skipped"));
   EXPECT_THAT(log.text(), Not(HasSubstr("path_norm repair")));
   EXPECT_EQ(store.userVersion(), 1);
-  for (const char* table : {"sources", "tracks", "track_sources", "cues", "beatgrids", "playlists",
-                            "playlist_tracks", "track_fingerprints", "track_options", "waveforms",
-                            "play_history", "music_readds", "history", "release_fields",
-                            "track_tags"})
+  for (const char* table :
+       {"sources", "tracks", "track_sources", "cues", "beatgrids", "playlists", "playlist_tracks",
+        "track_fingerprints", "track_options", "waveforms", "play_history", "music_readds",
+        "history", "release_fields", "track_tags"})
     EXPECT_EQ(store.scalarInt(std::string("SELECT COUNT(*) FROM sqlite_master WHERE name='") +
                               table + "'"),
               1)
@@ -67,7 +67,9 @@ TEST_F(OrvelDBTest, BadSqlIsReportedOnStderrAndReadsAsEmpty) {
   const std::string err = ::testing::internal::GetCapturedStderr();
   EXPECT_FALSE(st);
   EXPECT_FALSE(st.step());
-  EXPECT_THAT(err, HasSubstr("SQL WOULD NOT COMPILE: no such table: nowhere — SELECT nope FROM   nowhere\n"));
+  EXPECT_THAT(
+      err,
+      HasSubstr("SQL WOULD NOT COMPILE: no such table: nowhere — SELECT nope FROM   nowhere\n"));
   EXPECT_EQ(store.scalarInt("SELECT broken("), std::nullopt);
   EXPECT_THAT(store.execChecked("INSERT INTO nowhere VALUES(1)").value_or(""),
               HasSubstr("no such table"));
@@ -81,7 +83,8 @@ TEST_F(OrvelDBTest, IdsFromSelectAcceptsOnlyOneReadOnlyStatement) {
   const auto ok = store.idsFromSelect("SELECT id FROM tracks ORDER BY date_added DESC  ;  \n");
   EXPECT_EQ(ok.error, std::nullopt);
   EXPECT_EQ(ok.ids, (std::vector<int64_t>{b, a}));
-  EXPECT_EQ(store.idsFromSelect("SELECT id FROM tracks; SELECT 1").error, "more than one statement");
+  EXPECT_EQ(store.idsFromSelect("SELECT id FROM tracks; SELECT 1").error,
+            "more than one statement");
   EXPECT_EQ(store.idsFromSelect("DELETE FROM tracks").error, "that query would write");
   EXPECT_THAT(store.idsFromSelect("SELECT id FROM trax").error.value_or(""),
               HasSubstr("no such table"));

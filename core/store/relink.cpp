@@ -17,10 +17,10 @@ bool fileExists(const std::string& path) {
 
 int64_t OrvelDB::mergeTrack(int64_t loser, int64_t keeper) {
   Transaction tx(conn_);
-  conn_.execIgnoring(fmt::format(
-      "INSERT OR IGNORE INTO playlist_tracks(playlist_id, track_id, position)\n"
-      "SELECT playlist_id, {}, position FROM playlist_tracks WHERE track_id={}",
-      keeper, loser));
+  conn_.execIgnoring(
+      fmt::format("INSERT OR IGNORE INTO playlist_tracks(playlist_id, track_id, position)\n"
+                  "SELECT playlist_id, {}, position FROM playlist_tracks WHERE track_id={}",
+                  keeper, loser));
   const int64_t moved = conn_.changes();
   conn_.execIgnoring(fmt::format("DELETE FROM playlist_tracks WHERE track_id={}", loser));
   conn_.execIgnoring(fmt::format("UPDATE tracks SET merged_into={} WHERE id={}", keeper, loser));

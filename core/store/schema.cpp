@@ -113,7 +113,8 @@ constexpr const char* kUpgradeSteps[] = {
     "ALTER TABLE tracks ADD COLUMN studio_note TEXT",
     "ALTER TABLE tracks ADD COLUMN master INTEGER",
     // the two fixed sources
-    "INSERT OR IGNORE INTO sources(id, name, imported_at) VALUES(5, 'studio', strftime('%s','now'))",
+    "INSERT OR IGNORE INTO sources(id, name, imported_at) VALUES(5, 'studio', "
+    "strftime('%s','now'))",
     "INSERT OR IGNORE INTO sources(id, name, imported_at) VALUES(7, 'desk', strftime('%s','now'))",
     // options, waveforms, plays
     "CREATE TABLE IF NOT EXISTS track_options(track_id INTEGER PRIMARY KEY REFERENCES tracks(id) "
@@ -210,13 +211,16 @@ void OrvelDB::migrate() {
   if (userVersion() >= 1) return;
   const auto [rewritten, collided] = repairPathNorm();
   if (rewritten + collided >= 1)
-    note(fmt::format("path_norm repair: {} rewritten, {} left as they were (another live row has "
-                     "that file)",
-                     rewritten, collided));
+    note(
+        fmt::format("path_norm repair: {} rewritten, {} left as they were (another live row has "
+                    "that file)",
+                    rewritten, collided));
   conn_.execIgnoring("PRAGMA user_version = 1");
 }
 
-int64_t OrvelDB::userVersion() const { return conn_.scalarInt("PRAGMA user_version").value_or(0); }
+int64_t OrvelDB::userVersion() const {
+  return conn_.scalarInt("PRAGMA user_version").value_or(0);
+}
 
 bool OrvelDB::hasIndex(std::string_view name) const {
   Statement st = conn_.prepare("SELECT 1 FROM sqlite_master WHERE type='index' AND name=?");

@@ -1,8 +1,7 @@
 // Upgrades of catalogues made by older versions.
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <sqlite3.h>
-
-#include <fmt/format.h>
 
 #include <set>
 
@@ -12,8 +11,8 @@ namespace orvel {
 namespace {
 
 using ::testing::HasSubstr;
-using ::testing::Not;
 using testing::LogCapture;
+using ::testing::Not;
 using testing::StoreTest;
 
 // Writes a catalogue as an old version left it: UNIQUE on path, no path_norm,
@@ -161,8 +160,9 @@ TEST_F(SchemaTest, CompositionTwinsAreCountedAsCollided) {
   EXPECT_THAT(log.text(), HasSubstr("path_norm repair: 1 rewritten, 1 left as they were (another "
                                     "live row has that file)"));
   // A new live row with the same key as a live row is refused by the index.
-  EXPECT_THAT(store.execChecked("INSERT INTO tracks(path) VALUES('/M/CAF\xC3\x89.mp3')").value_or(""),
-              HasSubstr("UNIQUE"));
+  EXPECT_THAT(
+      store.execChecked("INSERT INTO tracks(path) VALUES('/M/CAF\xC3\x89.mp3')").value_or(""),
+      HasSubstr("UNIQUE"));
 }
 
 TEST_F(SchemaTest, RemovedAndMergedRowsMayShareAKeyWithALiveRow) {

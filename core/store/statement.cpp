@@ -57,9 +57,13 @@ Statement& Statement::bindBlob(int index, const std::vector<uint8_t>& bytes) {
   return *this;
 }
 
-bool Statement::step() { return stepCode() == SQLITE_ROW; }
+bool Statement::step() {
+  return stepCode() == SQLITE_ROW;
+}
 
-int Statement::stepCode() { return stmt_ != nullptr ? sqlite3_step(stmt_) : SQLITE_MISUSE; }
+int Statement::stepCode() {
+  return stmt_ != nullptr ? sqlite3_step(stmt_) : SQLITE_MISUSE;
+}
 
 void Statement::reset() {
   if (stmt_ == nullptr) return;
@@ -73,7 +77,9 @@ std::string_view Statement::textView(int col) const {
   return {p, static_cast<size_t>(sqlite3_column_bytes(stmt_, col))};
 }
 
-std::string Statement::text(int col) const { return std::string(textView(col)); }
+std::string Statement::text(int col) const {
+  return std::string(textView(col));
+}
 
 std::optional<int64_t> Statement::optInt64(int col) const {
   if (isNull(col)) return std::nullopt;

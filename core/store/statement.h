@@ -32,7 +32,9 @@ class Statement {
   Statement& bind(int index, double value);
   Statement& bind(int index, std::string_view value);
   Statement& bind(int index, const char* value) { return bind(index, std::string_view(value)); }
-  Statement& bind(int index, const std::string& value) { return bind(index, std::string_view(value)); }
+  Statement& bind(int index, const std::string& value) {
+    return bind(index, std::string_view(value));
+  }
   Statement& bind(int index, const std::optional<std::string>& value);
   Statement& bind(int index, std::optional<int64_t> value);
   Statement& bind(int index, std::optional<double> value);

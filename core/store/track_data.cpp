@@ -10,8 +10,8 @@ void OrvelDB::recordPlay(int64_t trackId, int64_t at, int64_t keep) {
   Transaction tx(conn_);
   Statement ins = conn_.prepare("INSERT INTO play_history(track_id, at) VALUES(?, ?)");
   ins.bind(1, trackId).bind(2, at).stepCode();
-  conn_.execIgnoring(
-      fmt::format("UPDATE tracks SET play_count = COALESCE(play_count, 0) + 1 WHERE id = {}", trackId));
+  conn_.execIgnoring(fmt::format(
+      "UPDATE tracks SET play_count = COALESCE(play_count, 0) + 1 WHERE id = {}", trackId));
   conn_.execIgnoring(fmt::format(
       "DELETE FROM play_history WHERE id NOT IN (SELECT id FROM play_history ORDER BY at DESC, id "
       "DESC LIMIT {})",
@@ -28,9 +28,12 @@ std::vector<std::pair<int64_t, int64_t>> OrvelDB::recentPlays(int64_t limit) con
   return out;
 }
 
-void OrvelDB::clearPlayHistory() { conn_.execIgnoring("DELETE FROM play_history"); }
+void OrvelDB::clearPlayHistory() {
+  conn_.execIgnoring("DELETE FROM play_history");
+}
 
-std::vector<std::pair<int64_t, std::string>> OrvelDB::tracksNeedingFingerprint(int64_t limit) const {
+std::vector<std::pair<int64_t, std::string>> OrvelDB::tracksNeedingFingerprint(
+    int64_t limit) const {
   std::vector<std::pair<int64_t, std::string>> out;
   Statement st = conn_.prepare(
       "SELECT t.id, t.path FROM tracks t LEFT JOIN track_fingerprints f ON f.track_id = t.id "
@@ -41,8 +44,8 @@ std::vector<std::pair<int64_t, std::string>> OrvelDB::tracksNeedingFingerprint(i
 }
 
 void OrvelDB::setRawFingerprint(int64_t trackId, const std::vector<uint8_t>& bytes) {
-  Statement st = conn_.prepare(
-      "INSERT OR REPLACE INTO track_fingerprints(track_id, fp_raw) VALUES(?2, ?1)");
+  Statement st =
+      conn_.prepare("INSERT OR REPLACE INTO track_fingerprints(track_id, fp_raw) VALUES(?2, ?1)");
   st.bindBlob(1, bytes).bind(2, trackId).stepCode();
 }
 
@@ -112,7 +115,8 @@ void OrvelDB::removeTag(std::span<const int64_t> ids, const std::string& tag) {
 }
 
 std::vector<int64_t> OrvelDB::taggedIds(const std::string& tag) const {
-  Statement st = conn_.prepare("SELECT track_id FROM track_tags WHERE tag = ? ORDER BY at, track_id");
+  Statement st =
+      conn_.prepare("SELECT track_id FROM track_tags WHERE tag = ? ORDER BY at, track_id");
   st.bind(1, tag);
   std::vector<int64_t> out;
   while (st.step()) out.push_back(st.int64(0));

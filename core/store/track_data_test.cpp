@@ -6,8 +6,8 @@ namespace orvel {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::UnorderedElementsAre;
 using testing::StoreTest;
+using ::testing::UnorderedElementsAre;
 
 class TrackDataTest : public StoreTest {};
 
@@ -48,8 +48,9 @@ TEST_F(TrackDataTest, TagsFingerprintsAndReleaseFields) {
   db().addTag(std::vector<int64_t>{a, b}, "warmup");
   db().addTag(std::vector<int64_t>{a}, "warmup");  // a tag is on a track once
   db().addTag(std::vector<int64_t>{a}, "vocal");
-  EXPECT_THAT(db().allTagCounts(), UnorderedElementsAre(std::pair<std::string, int64_t>{"warmup", 2},
-                                                        std::pair<std::string, int64_t>{"vocal", 1}));
+  EXPECT_THAT(db().allTagCounts(),
+              UnorderedElementsAre(std::pair<std::string, int64_t>{"warmup", 2},
+                                   std::pair<std::string, int64_t>{"vocal", 1}));
   db().removeTag(std::vector<int64_t>{b}, "warmup");
   EXPECT_THAT(db().taggedIds("warmup"), ElementsAre(a));
   EXPECT_THAT(db().tagsOf(a), ElementsAre("vocal", "warmup"));

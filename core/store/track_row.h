@@ -59,13 +59,13 @@ struct TrackRow {
   Extras extras;
 
   // Derived texts for lists and the command line.
-  std::string fileName() const;     // last path component
-  std::string ext() const;          // lower-case extension without the dot
-  std::string durationText() const;  // "m:ss" or "h:mm:ss"; "" when unknown
-  std::string bpmText() const;       // "124" or "123.5"; "" when unknown
-  std::string sizeText() const;      // "8.4 MB"
-  std::string bitrateText() const;   // "320 kbps"
-  std::string ratingText() const;    // "★★★☆☆"; "" when unrated
+  std::string fileName() const;       // last path component
+  std::string ext() const;            // lower-case extension without the dot
+  std::string durationText() const;   // "m:ss" or "h:mm:ss"; "" when unknown
+  std::string bpmText() const;        // "124" or "123.5"; "" when unknown
+  std::string sizeText() const;       // "8.4 MB"
+  std::string bitrateText() const;    // "320 kbps"
+  std::string ratingText() const;     // "★★★☆☆"; "" when unrated
   std::string dateAddedText() const;  // local "yyyy-MM-dd"
   int64_t stars() const { return rating ? (*rating + 10) / 20 : 0; }
 };

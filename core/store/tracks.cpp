@@ -92,24 +92,27 @@ void readTrack(const Statement& st, TrackRow& r) {
 }
 
 bool plainIdentifier(std::string_view s) {
-  return !s.empty() && std::all_of(s.begin(), s.end(), [](unsigned char c) {
-    return std::isalnum(c) || c == '_';
-  });
+  return !s.empty() && std::all_of(s.begin(), s.end(),
+                                   [](unsigned char c) { return std::isalnum(c) || c == '_'; });
 }
 
 constexpr std::string_view kLive = "merged_into IS NULL AND (removed IS NULL OR removed = 0)";
 
 }  // namespace
 
-std::string OrvelDB::launchQuery() { return std::string(kTrackColumns) + std::string(kLiveOrder); }
+std::string OrvelDB::launchQuery() {
+  return std::string(kTrackColumns) + std::string(kLiveOrder);
+}
 
 std::vector<TrackRow> OrvelDB::loadAllTracks(std::optional<int64_t> limit) const {
   std::string sql = launchQuery();
   if (limit) sql += " LIMIT " + std::to_string(std::max<int64_t>(*limit, 0));
   Statement st = conn_.prepare(sql);
   std::vector<TrackRow> rows;
-  if (limit) rows.reserve(static_cast<size_t>(*limit));
-  else rows.reserve(static_cast<size_t>(conn_.count("tracks")));
+  if (limit)
+    rows.reserve(static_cast<size_t>(*limit));
+  else
+    rows.reserve(static_cast<size_t>(conn_.count("tracks")));
   while (st.step()) readTrack(st, rows.emplace_back());
   return rows;
 }
@@ -160,7 +163,8 @@ std::optional<int64_t> OrvelDB::insertImported(const NewTrack& track, int64_t so
       filename = slash == std::string::npos ? track.path : track.path.substr(slash + 1);
     }
     Statement ins = conn_.prepare(
-        "INSERT INTO tracks(path, filename, title, artist, album, genre, duration_ms, filesize_bytes,\n"
+        "INSERT INTO tracks(path, filename, title, artist, album, genre, duration_ms, "
+        "filesize_bytes,\n"
         "date_added, date_created, production) VALUES(?,?,?,?,?,?,?,?,?,?,?)");
     ins.bind(1, track.path).bind(2, filename).bind(3, track.title).bind(4, track.artist);
     ins.bind(5, track.album).bind(6, track.genre).bind(7, track.durationMs);
@@ -177,18 +181,30 @@ std::optional<int64_t> OrvelDB::insertImported(const NewTrack& track, int64_t so
 
 std::string OrvelDB::columnFor(std::string_view key) {
   static const std::array<std::pair<std::string_view, std::string_view>, 24> kColumns{{
-      {"albumartist", "album_artist"},   {"tracknumber", "track_number"},
-      {"discnumber", "disc_number"},     {"albumrating", "album_rating"},
-      {"samplerate", "samplerate_hz"},   {"datemodified", "date_modified"},
-      {"lastplayed", "last_played"},     {"trackcount", "track_count"},
-      {"disccount", "disc_count"},       {"playcount", "play_count"},
-      {"duration", "duration_ms"},       {"bitrate", "bitrate_kbps"},
-      {"size", "filesize_bytes"},        {"dateadded", "date_added"},
-      {"datecreated", "date_created"},   {"sorttitle", "sort_title"},
-      {"sortartist", "sort_artist"},     {"sortalbum", "sort_album"},
-      {"sortalbumartist", "sort_album_artist"}, {"sortcomposer", "sort_composer"},
-      {"releasedate", "release_date"},   {"seratocolor", "serato_label"},
-      {"filetype", "file_type"},         {"volumeadjust", "volume_adjust"},
+      {"albumartist", "album_artist"},
+      {"tracknumber", "track_number"},
+      {"discnumber", "disc_number"},
+      {"albumrating", "album_rating"},
+      {"samplerate", "samplerate_hz"},
+      {"datemodified", "date_modified"},
+      {"lastplayed", "last_played"},
+      {"trackcount", "track_count"},
+      {"disccount", "disc_count"},
+      {"playcount", "play_count"},
+      {"duration", "duration_ms"},
+      {"bitrate", "bitrate_kbps"},
+      {"size", "filesize_bytes"},
+      {"dateadded", "date_added"},
+      {"datecreated", "date_created"},
+      {"sorttitle", "sort_title"},
+      {"sortartist", "sort_artist"},
+      {"sortalbum", "sort_album"},
+      {"sortalbumartist", "sort_album_artist"},
+      {"sortcomposer", "sort_composer"},
+      {"releasedate", "release_date"},
+      {"seratocolor", "serato_label"},
+      {"filetype", "file_type"},
+      {"volumeadjust", "volume_adjust"},
   }};
   std::string lowered(key);
   std::string folded;
@@ -259,11 +275,15 @@ std::optional<std::string> OrvelDB::setMaster(std::span<const int64_t> ids, bool
   return setField("master", master ? "1" : "0", ids, master ? "Mark as Master" : "Unmark Master");
 }
 
-std::vector<int64_t> OrvelDB::lovedIds() const { return conn_.ids("SELECT id FROM tracks WHERE loved = 1"); }
+std::vector<int64_t> OrvelDB::lovedIds() const {
+  return conn_.ids("SELECT id FROM tracks WHERE loved = 1");
+}
 std::vector<int64_t> OrvelDB::dislikedIds() const {
   return conn_.ids("SELECT id FROM tracks WHERE disliked = 1");
 }
-std::vector<int64_t> OrvelDB::masterIds() const { return conn_.ids("SELECT id FROM tracks WHERE master = 1"); }
+std::vector<int64_t> OrvelDB::masterIds() const {
+  return conn_.ids("SELECT id FROM tracks WHERE master = 1");
+}
 
 void OrvelDB::setBPM(int64_t id, double bpm) {
   Statement st = conn_.prepare("UPDATE tracks SET bpm=? WHERE id=?");
@@ -275,14 +295,16 @@ void OrvelDB::setDurationMs(int64_t id, int64_t ms) {
   st.bind(1, ms).bind(2, id).stepCode();
 }
 
-void OrvelDB::setAnalysis(int64_t id, const std::optional<std::string>& key, std::optional<double> bpm) {
+void OrvelDB::setAnalysis(int64_t id, const std::optional<std::string>& key,
+                          std::optional<double> bpm) {
   if (key && !key->empty()) {
     Statement st = conn_.prepare("UPDATE tracks SET key=? WHERE id=? AND (key IS NULL OR key='')");
     st.bind(1, *key).bind(2, id).stepCode();
   }
   if (bpm) {
     // fmt writes the shortest text that reads back as the same double.
-    conn_.execIgnoring(fmt::format("UPDATE tracks SET bpm={} WHERE id={} AND bpm IS NULL", *bpm, id));
+    conn_.execIgnoring(
+        fmt::format("UPDATE tracks SET bpm={} WHERE id={} AND bpm IS NULL", *bpm, id));
   }
 }
 
@@ -294,7 +316,8 @@ std::optional<std::string> OrvelDB::softRemove(std::span<const int64_t> ids) {
   const std::string opName = "Remove from Library";
   const std::string opId = journal_.begin(opName);
   journal_.recordCurrent(opId, opName, "tracks", ids, "removed", "1");
-  if (auto err = conn_.execChecked("UPDATE tracks SET removed=1 WHERE id IN (" + joinIds(ids) + ")"))
+  if (auto err =
+          conn_.execChecked("UPDATE tracks SET removed=1 WHERE id IN (" + joinIds(ids) + ")"))
     return std::nullopt;
   tx.commit();
   notifyFieldWritten("removed", "1", ids);
@@ -318,7 +341,8 @@ std::optional<int64_t> OrvelDB::trackId(std::string_view path) const {
   return st.int64(0);
 }
 
-std::optional<std::string> OrvelDB::findByTags(std::string_view artist, std::string_view title) const {
+std::optional<std::string> OrvelDB::findByTags(std::string_view artist,
+                                               std::string_view title) const {
   Statement st = conn_.prepare(
       "SELECT path FROM tracks WHERE artist=? COLLATE NOCASE AND title=? COLLATE NOCASE AND "
       "merged_into IS NULL LIMIT 1");
@@ -374,7 +398,7 @@ std::vector<std::string> OrvelDB::fieldValues(const std::string& column,
 }
 
 std::vector<PurgeRow> OrvelDB::purgeRows() const {
-  static const std::unordered_set<std::string> kLossless = {"flac", "wav", "wave", "aif",
+  static const std::unordered_set<std::string> kLossless = {"flac", "wav",  "wave", "aif",
                                                             "aiff", "alac", "caf"};
   std::vector<PurgeRow> out;
   Statement st = conn_.prepare(
@@ -412,7 +436,8 @@ std::vector<ArtistAlbumGenre> OrvelDB::artistAlbumGenreRows() const {
   std::vector<ArtistAlbumGenre> out;
   Statement st = conn_.prepare(
       "SELECT id, COALESCE(artist, ''), COALESCE(album, ''), COALESCE(genre, '') FROM tracks\n"
-      "WHERE " + std::string(kLive));
+      "WHERE " +
+      std::string(kLive));
   while (st.step()) out.push_back({st.int64(0), st.text(1), st.text(2), st.text(3)});
   return out;
 }

@@ -71,7 +71,8 @@ TEST_F(TracksTest, SetFieldIsJournaledAndUnknownColumnsChangeNothing) {
   LogCapture log;
   const auto historyBefore = db().count("history");
   EXPECT_FALSE(db().setField("gnere", "x", std::vector<int64_t>{a}, "Edit Genre"));
-  EXPECT_THAT(log.text(), HasSubstr("setField REFUSED: no tracks column named gnere (asked for Edit Genre"));
+  EXPECT_THAT(log.text(),
+              HasSubstr("setField REFUSED: no tracks column named gnere (asked for Edit Genre"));
   EXPECT_EQ(db().count("history"), historyBefore);
   EXPECT_FALSE(db().writeField("id = 0; --", "1", std::vector<int64_t>{a}));
   EXPECT_EQ(field(a, "genre"), "Deep House");

@@ -6,8 +6,8 @@ namespace orvel {
 namespace {
 
 TEST(PathNorm, ComposedDecomposedAndCaseVariantsShareOneKey) {
-  const std::string precomposed = "/Music/Caf\xC3\xA9 Del Mar.mp3";   // é
-  const std::string decomposed = "/Music/Cafe\xCC\x81 Del Mar.mp3";   // e + U+0301
+  const std::string precomposed = "/Music/Caf\xC3\xA9 Del Mar.mp3";  // é
+  const std::string decomposed = "/Music/Cafe\xCC\x81 Del Mar.mp3";  // e + U+0301
   const std::string upper = "/MUSIC/CAF\xC3\x89 DEL MAR.MP3";        // É
   EXPECT_EQ(normalizePathKey(precomposed), "/music/caf\xC3\xA9 del mar.mp3");
   EXPECT_EQ(normalizePathKey(decomposed), normalizePathKey(precomposed));

@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 
 #include <nlohmann/json.hpp>
-
 #include <sstream>
 
 #include "core/store/locations.h"
@@ -14,9 +13,9 @@
 namespace orvel::cli {
 namespace {
 
+using nlohmann::json;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
-using nlohmann::json;
 
 struct Result {
   int code;
@@ -74,8 +73,8 @@ TEST_F(CliTest, EveryEditIsListedAndCanBeUndoneAndRedoneById) {
   const json history = orvelJson({"history"});
   ASSERT_EQ(history.size(), edits.size() + 1);  // and the fixture's own edit
   for (const auto& op : opIds) {
-    const bool listed = std::any_of(history.begin(), history.end(),
-                                    [&](const json& h) { return h["id"] == op; });
+    const bool listed =
+        std::any_of(history.begin(), history.end(), [&](const json& h) { return h["id"] == op; });
     EXPECT_TRUE(listed) << op;
   }
 
@@ -152,7 +151,8 @@ TEST_F(CliTest, ListingsSearchSortLimitAndShowTrackRowFields) {
   EXPECT_EQ(table.code, 0);
   EXPECT_THAT(table.out, HasSubstr("Never Grow Old"));
   EXPECT_EQ(std::count(table.out.begin(), table.out.end(), '\n'), 4);
-  EXPECT_THAT(orvel({"show", std::to_string(a_)}).out, HasSubstr("#" + std::to_string(a_) + "  Floorplan — Never Grow Old"));
+  EXPECT_THAT(orvel({"show", std::to_string(a_)}).out,
+              HasSubstr("#" + std::to_string(a_) + "  Floorplan — Never Grow Old"));
 }
 
 TEST_F(CliTest, InfoAndBackup) {

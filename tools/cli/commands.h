@@ -2,7 +2,6 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
-
 #include <cstdint>
 #include <span>
 #include <string>
@@ -13,9 +12,9 @@
 namespace orvel::cli {
 
 void addInfoCommand(CLI::App& app, Context& ctx);
-void addListCommands(CLI::App& app, Context& ctx);     // ls, show
-void addEditCommands(CLI::App& app, Context& ctx);     // set, rate, love, dislike, rm
-void addHistoryCommands(CLI::App& app, Context& ctx);  // history, undo, redo
+void addListCommands(CLI::App& app, Context& ctx);         // ls, show
+void addEditCommands(CLI::App& app, Context& ctx);         // set, rate, love, dislike, rm
+void addHistoryCommands(CLI::App& app, Context& ctx);      // history, undo, redo
 void addMaintenanceCommands(CLI::App& app, Context& ctx);  // backup, relink
 
 // Fails (changing nothing) unless every id is a live track.

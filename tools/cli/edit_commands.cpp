@@ -56,8 +56,10 @@ void addEditCommands(CLI::App& app, Context& ctx) {
   auto a = std::make_shared<EditArgs>();
 
   CLI::App* set = app.add_subcommand(
-      "set", "Set one field on tracks (an empty VALUE clears it), e.g. orvel set genre House 12 14");
-  set->add_option("FIELD", a->field, "Field: title, artist, album, genre, year, bpm, key, comment, …")
+      "set",
+      "Set one field on tracks (an empty VALUE clears it), e.g. orvel set genre House 12 14");
+  set->add_option("FIELD", a->field,
+                  "Field: title, artist, album, genre, year, bpm, key, comment, …")
       ->required();
   set->add_option("VALUE", a->value, "New value; \"\" clears the field")->required();
   set->add_option("ID", a->ids, "Track ids")->required();

@@ -1,9 +1,8 @@
 // orvel history, undo, redo.
 #include <fmt/format.h>
 
-#include <nlohmann/json.hpp>
-
 #include <ctime>
+#include <nlohmann/json.hpp>
 
 #include "tools/cli/commands.h"
 #include "tools/cli/table.h"
@@ -35,8 +34,12 @@ Journal::Operation pick(Context& ctx, const std::string& opId, bool undoing) {
   if (entries.empty()) throw CliError(kFailed, "no operation with id " + opId);
   bool allUndone = true;
   for (const auto& e : entries) allUndone = allUndone && e.undone;
-  return {opId, entries.front().opName, static_cast<int64_t>(entries.size()), entries.back().at,
-          allUndone, 0};
+  return {opId,
+          entries.front().opName,
+          static_cast<int64_t>(entries.size()),
+          entries.back().at,
+          allUndone,
+          0};
 }
 
 void undoOrRedo(Context& ctx, const std::string& opId, bool undoing) {
@@ -56,15 +59,19 @@ void addHistoryCommands(CLI::App& app, Context& ctx) {
   auto limit = std::make_shared<int>(50);
   auto asJson = std::make_shared<bool>(false);
   CLI::App* history = app.add_subcommand("history", "The edit history, newest first");
-  history->add_option("--limit", *limit, "At most N operations (default 50)")->check(CLI::PositiveNumber);
+  history->add_option("--limit", *limit, "At most N operations (default 50)")
+      ->check(CLI::PositiveNumber);
   history->add_flag("--json", *asJson, "One JSON array of operations on stdout");
   history->callback([&ctx, limit, asJson] {
     const auto ops = ctx.db().journal().operations(*limit);
     if (*asJson) {
       json arr = json::array();
       for (const auto& op : ops)
-        arr.push_back({{"id", op.id}, {"opName", op.opName}, {"entries", op.entries},
-                       {"at", op.at}, {"undone", op.undone}});
+        arr.push_back({{"id", op.id},
+                       {"opName", op.opName},
+                       {"entries", op.entries},
+                       {"at", op.at},
+                       {"undone", op.undone}});
       ctx.out << arr.dump(2) << '\n';
       return;
     }
@@ -80,7 +87,8 @@ void addHistoryCommands(CLI::App& app, Context& ctx) {
   undo->add_option("OPID", *opId, "Operation id from `orvel history`");
   undo->callback([&ctx, opId] { undoOrRedo(ctx, *opId, true); });
 
-  CLI::App* redo = app.add_subcommand("redo", "Redo an undone operation (default: the last one undone)");
+  CLI::App* redo =
+      app.add_subcommand("redo", "Redo an undone operation (default: the last one undone)");
   redo->add_option("OPID", *opId, "Operation id from `orvel history`");
   redo->callback([&ctx, opId] { undoOrRedo(ctx, *opId, false); });
 }

@@ -1,9 +1,8 @@
 // orvel ls, orvel show.
 #include <fmt/format.h>
 
-#include <nlohmann/json.hpp>
-
 #include <cmath>
+#include <nlohmann/json.hpp>
 #include <unordered_map>
 
 #include "core/text/path_norm.h"
@@ -41,7 +40,8 @@ int64_t resolvePlaylist(OrvelDB& db, const std::string& spec) {
     start = end + 1;
     if (name.empty()) continue;
     Statement st = db.prepare(
-        "SELECT id FROM playlists WHERE name = ? AND parent_id IS ? ORDER BY sort_order, id LIMIT 1");
+        "SELECT id FROM playlists WHERE name = ? AND parent_id IS ? ORDER BY sort_order, id LIMIT "
+        "1");
     st.bind(1, name).bind(2, parent);
     if (!st.step()) throw CliError(kFailed, "no playlist named " + spec);
     parent = st.int64(0);
@@ -75,7 +75,8 @@ std::vector<TrackRow> listTracks(OrvelDB& db, const ListOptions& o) {
     });
   }
   sortTracks(rows, parseSort(o.sort));
-  if (o.limit > 0 && rows.size() > static_cast<size_t>(o.limit)) rows.resize(static_cast<size_t>(o.limit));
+  if (o.limit > 0 && rows.size() > static_cast<size_t>(o.limit))
+    rows.resize(static_cast<size_t>(o.limit));
   return rows;
 }
 
@@ -128,7 +129,8 @@ json gridsOf(OrvelDB& db, int64_t id) {
 
 json defectsOf(OrvelDB& db, int64_t id) {
   json defects = json::array();
-  if (db.scalarInt("SELECT COUNT(*) FROM sqlite_master WHERE name = 'defects'") != 1) return defects;
+  if (db.scalarInt("SELECT COUNT(*) FROM sqlite_master WHERE name = 'defects'") != 1)
+    return defects;
   Statement st = db.prepare(
       "SELECT kind, position_ms, severity FROM defects WHERE track_id = ? ORDER BY position_ms");
   st.bind(1, id);
@@ -189,10 +191,11 @@ void show(Context& ctx, int64_t id, bool asJson) {
   line("path", row->path);
   for (const auto& c : j["cues"]) {
     const double ms = c["positionMs"].get<double>();
-    out << fmt::format("  {:<10} {} {} at {}:{:06.3f}{}\n", c["kind"].get<std::string>(),
-                       c["bank"].get<std::string>(), c["index"].get<int64_t>(),
-                       static_cast<int64_t>(ms / 60000), std::fmod(ms / 1000, 60.0),
-                       c["name"].get<std::string>().empty() ? "" : "  " + c["name"].get<std::string>());
+    out << fmt::format(
+        "  {:<10} {} {} at {}:{:06.3f}{}\n", c["kind"].get<std::string>(),
+        c["bank"].get<std::string>(), c["index"].get<int64_t>(), static_cast<int64_t>(ms / 60000),
+        std::fmod(ms / 1000, 60.0),
+        c["name"].get<std::string>().empty() ? "" : "  " + c["name"].get<std::string>());
   }
   for (const auto& g : j["beatgrids"])
     out << fmt::format("  {:<10} {} anchors\n", "beatgrid", g["anchors"].size());
@@ -204,9 +207,12 @@ void show(Context& ctx, int64_t id, bool asJson) {
 void addListCommands(CLI::App& app, Context& ctx) {
   auto opts = std::make_shared<ListOptions>();
   CLI::App* ls = app.add_subcommand("ls", "List live tracks, newest first");
-  ls->add_option("--search", opts->search, "Only tracks whose title, artist, album or genre contains this text");
-  ls->add_option("--playlist", opts->playlist, "Only the members of a playlist or crate (id or path), in order");
-  ls->add_option("--sort", opts->sort, "Sort by fields, most significant first; '-' sorts descending (e.g. artist,-bpm)");
+  ls->add_option("--search", opts->search,
+                 "Only tracks whose title, artist, album or genre contains this text");
+  ls->add_option("--playlist", opts->playlist,
+                 "Only the members of a playlist or crate (id or path), in order");
+  ls->add_option("--sort", opts->sort,
+                 "Sort by fields, most significant first; '-' sorts descending (e.g. artist,-bpm)");
   ls->add_option("--limit", opts->limit, "At most N tracks")->check(CLI::NonNegativeNumber);
   ls->add_flag("--json", opts->json, "One JSON array of tracks on stdout");
   ls->callback([&ctx, opts] {

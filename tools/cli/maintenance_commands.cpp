@@ -1,9 +1,8 @@
 // orvel info, backup, relink.
 #include <fmt/format.h>
 
-#include <nlohmann/json.hpp>
-
 #include <filesystem>
+#include <nlohmann/json.hpp>
 
 #include "app/app_paths.h"
 #include "core/store/locations.h"
@@ -62,9 +61,10 @@ void printInfo(std::ostream& out, const json& j) {
   if (s["uniquePathIndex"].get<bool>()) {
     schema += " · one live track per file";
   } else {
-    schema += fmt::format(" · {} files are held by more than one live track; remove or merge the "
-                          "extra rows (see --json)",
-                          s["pathNormCollisions"].size());
+    schema += fmt::format(
+        " · {} files are held by more than one live track; remove or merge the "
+        "extra rows (see --json)",
+        s["pathNormCollisions"].size());
   }
   out << fmt::format("schema      {}\n", schema);
   out << fmt::format("tracks      {} live · {} removed · {} merged · {} missing\n",
@@ -93,7 +93,8 @@ void addInfoCommand(CLI::App& app, Context& ctx) {
 void addMaintenanceCommands(CLI::App& app, Context& ctx) {
   auto keep = std::make_shared<int>(10);
   CLI::App* backup = app.add_subcommand("backup", "Copy the catalogue into the Backups folder now");
-  backup->add_option("--keep", *keep, "Keep the newest N backups (default 10)")->check(CLI::PositiveNumber);
+  backup->add_option("--keep", *keep, "Keep the newest N backups (default 10)")
+      ->check(CLI::PositiveNumber);
   backup->callback([&ctx, keep] {
     ctx.db();  // a catalogue that cannot be opened fails here with its reason
     const auto file = app::AppPaths::backupDatabaseNow(ctx.dbPath(), *keep);
@@ -105,7 +106,8 @@ void addMaintenanceCommands(CLI::App& app, Context& ctx) {
   auto asJson = std::make_shared<bool>(false);
   CLI::App* relink = app.add_subcommand(
       "relink", "Find tracks whose files moved and relink them (a dry run unless --apply)");
-  relink->add_flag("--apply", *apply, "Merge each moved track into its new row; mark the rest missing");
+  relink->add_flag("--apply", *apply,
+                   "Merge each moved track into its new row; mark the rest missing");
   relink->add_flag("--json", *asJson, "One JSON object on stdout");
   relink->callback([&ctx, apply, asJson] {
     const RelinkStats s = ctx.db().relink(*apply);
