@@ -1,5 +1,7 @@
 #include "core/store/connection.h"
 
+#include "core/text/split.h"
+
 #include <chrono>
 #include <cstdio>
 
@@ -10,18 +12,11 @@ namespace {
 // joined by single spaces, cut at 160 characters.
 std::string oneLine(std::string_view sql) {
   std::string out;
-  size_t start = 0;
-  while (start <= sql.size()) {
-    size_t end = sql.find('\n', start);
-    if (end == std::string_view::npos) end = sql.size();
-    std::string_view line = sql.substr(start, end - start);
-    const auto first = line.find_first_not_of(" \t\r");
-    if (first != std::string_view::npos) {
-      line = line.substr(first, line.find_last_not_of(" \t\r") - first + 1);
-      if (!out.empty()) out += ' ';
-      out += line;
-    }
-    start = end + 1;
+  for (std::string_view line : split(sql, '\n')) {
+    line = trim(line);
+    if (line.empty()) continue;
+    if (!out.empty()) out += ' ';
+    out += line;
   }
   if (out.size() > 160) out.resize(160);
   return out;
@@ -99,19 +94,18 @@ std::vector<int64_t> Connection::ids(std::string_view sql) const {
   return out;
 }
 
+// A savepoint starts a transaction when none is open and nests inside one
+// that is, so an inner failure rolls back exactly its own writes.
 Transaction::Transaction(const Connection& conn) : conn_(conn) {
-  if (!conn_.inTransaction()) {
-    conn_.begin();
-    owner_ = true;
-  }
+  done_ = conn_.execChecked("SAVEPOINT orvel_tx").has_value();
 }
 
 Transaction::~Transaction() {
-  if (owner_ && !done_) conn_.rollback();
+  if (!done_) conn_.execIgnoring("ROLLBACK TO orvel_tx; RELEASE orvel_tx");
 }
 
 void Transaction::commit() {
-  if (owner_ && !done_) conn_.commit();
+  if (!done_) conn_.execIgnoring("RELEASE orvel_tx");
   done_ = true;
 }
 

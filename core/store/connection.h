@@ -56,8 +56,8 @@ class Connection {
 };
 
 // A transaction that rolls back unless committed. Inside an open transaction
-// it joins the outer one (SQLite has no nested BEGIN), so store operations can
-// call each other and still be atomic as a whole.
+// it nests (as a savepoint), so store operations can call each other and each
+// stays atomic on its own.
 class Transaction {
  public:
   explicit Transaction(const Connection& conn);
@@ -68,7 +68,6 @@ class Transaction {
 
  private:
   const Connection& conn_;
-  bool owner_ = false;
   bool done_ = false;
 };
 

@@ -81,6 +81,21 @@ TEST_F(TracksTest, SetFieldIsJournaledAndUnknownColumnsChangeNothing) {
   EXPECT_EQ(field(b, "genre"), "");
 }
 
+TEST_F(TracksTest, AnEditThatFailsLeavesNoHistoryEvenInsideALargerTransaction) {
+  const int64_t a = add("/m/a.mp3");
+  add("/m/b.mp3");
+  const auto historyBefore = db().count("history");
+  // Giving a the path of b would make two live rows of one file.
+  EXPECT_FALSE(db().setField("path", "/M/B.mp3", std::vector<int64_t>{a}, "Edit Path"));
+  db().begin();
+  EXPECT_FALSE(db().setField("path", "/M/B.mp3", std::vector<int64_t>{a}, "Edit Path"));
+  EXPECT_TRUE(db().setField("genre", "Dub", std::vector<int64_t>{a}, "Edit Genre"));
+  db().commit();
+  EXPECT_EQ(db().count("history"), historyBefore + 1);
+  EXPECT_EQ(field(a, "path"), "/m/a.mp3");
+  EXPECT_EQ(field(a, "genre"), "Dub");
+}
+
 TEST_F(TracksTest, RatingsFlagsAndAnalysisRespectTheUsersValues) {
   const int64_t a = add("/m/a.mp3");
   db().setRating(std::vector<int64_t>{a}, 9);

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -30,6 +31,10 @@ class CliTest : public orvel::testing::StoreTest {
     b_ = add("/music/Moodymann/Shades of Jae.flac", "Shades of Jae", 200);
     c_ = add("/music/DJ Koze/XTC.mp3", "XTC", 100);
     db().setField("artist", "Floorplan", std::vector<int64_t>{a_}, "Edit Artist");
+    db().execChecked(fmt::format(
+        "INSERT INTO playlists(id, name, parent_id) VALUES(1, 'Sets', NULL), (2, 'Warm-up', 1);"
+        "INSERT INTO playlist_tracks VALUES(2, {}, 0), (2, {}, 1)",
+        c_, a_));
     db_.reset();  // the command line opens its own connection
   }
   Result orvel(std::vector<std::string> args) {
@@ -146,6 +151,12 @@ TEST_F(CliTest, ListingsSearchSortLimitAndShowTrackRowFields) {
   ASSERT_EQ(sorted.size(), 2u);
   EXPECT_EQ(sorted[0]["title"], "XTC");
   EXPECT_EQ(sorted[1]["title"], "Shades of Jae");
+
+  const json members = orvelJson({"ls", "--playlist", "Sets/Warm-up"});
+  ASSERT_EQ(members.size(), 2u);
+  EXPECT_EQ(members[0]["id"], c_);  // playlist order, not date order
+  EXPECT_EQ(orvelJson({"ls", "--playlist", "2"}), members);
+  EXPECT_EQ(orvel({"ls", "--playlist", "Sets/Peak"}).code, 1);
 
   const Result table = orvel({"ls"});
   EXPECT_EQ(table.code, 0);

@@ -6,6 +6,7 @@
 #include <unordered_map>
 
 #include "core/text/path_norm.h"
+#include "core/text/split.h"
 #include "tools/cli/commands.h"
 #include "tools/cli/table.h"
 #include "tools/cli/track_json.h"
@@ -24,26 +25,21 @@ struct ListOptions {
 };
 
 // A playlist by id, or by its path of names from the top ("Sets/2026/Warm-up").
-int64_t resolvePlaylist(OrvelDB& db, const std::string& spec) {
-  if (!spec.empty() && spec.find_first_not_of("0123456789") == std::string::npos) {
-    const int64_t id = std::stoll(spec);
+int64_t resolvePlaylist(OrvelDB& db, const std::string& idOrPath) {
+  if (!idOrPath.empty() && idOrPath.find_first_not_of("0123456789") == std::string::npos) {
+    const int64_t id = std::stoll(idOrPath);
     if (db.scalarInt("SELECT COUNT(*) FROM playlists WHERE id = " + std::to_string(id)) != 1)
-      throw CliError(kFailed, "no playlist with id " + spec);
+      throw CliError(kFailed, "no playlist with id " + idOrPath);
     return id;
   }
   std::optional<int64_t> parent;
-  size_t start = 0;
-  while (start <= spec.size()) {
-    size_t end = spec.find('/', start);
-    if (end == std::string::npos) end = spec.size();
-    const std::string name = spec.substr(start, end - start);
-    start = end + 1;
+  for (std::string_view name : split(idOrPath, '/')) {
     if (name.empty()) continue;
     Statement st = db.prepare(
-        "SELECT id FROM playlists WHERE name = ? AND parent_id IS ? ORDER BY sort_order, id LIMIT "
-        "1");
+        "SELECT id FROM playlists WHERE name = ? AND parent_id IS ? ORDER BY sort_order, id "
+        "LIMIT 1");
     st.bind(1, name).bind(2, parent);
-    if (!st.step()) throw CliError(kFailed, "no playlist named " + spec);
+    if (!st.step()) throw CliError(kFailed, "no playlist named " + idOrPath);
     parent = st.int64(0);
   }
   if (!parent) throw CliError(kBadUsage, "name a playlist by id or path");

@@ -6,6 +6,7 @@
 #include <variant>
 
 #include "core/text/path_norm.h"
+#include "core/text/split.h"
 #include "tools/cli/context.h"
 
 namespace orvel::cli {
@@ -107,14 +108,10 @@ json toJson(const TrackRow& r) {
   };
 }
 
-std::vector<SortKey> parseSort(const std::string& spec) {
+std::vector<SortKey> parseSort(const std::string& columns) {
   std::vector<SortKey> keys;
-  size_t start = 0;
-  while (start <= spec.size()) {
-    size_t end = spec.find(',', start);
-    if (end == std::string::npos) end = spec.size();
-    std::string name = spec.substr(start, end - start);
-    start = end + 1;
+  for (std::string_view piece : split(columns, ',')) {
+    std::string name(trim(piece));
     if (name.empty()) continue;
     SortKey key;
     if (name[0] == '-' || name[0] == '+') {

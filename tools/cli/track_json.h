@@ -18,7 +18,7 @@ struct SortKey {
   bool ascending = true;
 };
 // "artist,-bpm" -> keys; throws CliError (bad usage) naming an unknown field.
-std::vector<SortKey> parseSort(const std::string& spec);
+std::vector<SortKey> parseSort(const std::string& columns);
 void sortTracks(std::vector<TrackRow>& rows, const std::vector<SortKey>& keys);
 
 }  // namespace orvel::cli
