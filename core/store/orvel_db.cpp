@@ -38,6 +38,9 @@ OrvelDB::OrvelDB(const std::string& path) : path_(path), conn_(path), journal_(c
   sqlite3_busy_timeout(conn_.handle(), 5000);
   conn_.execIgnoring("PRAGMA journal_mode=WAL");
   conn_.execIgnoring("PRAGMA synchronous=NORMAL");
+  // Bulk work (imports, upgrades of big catalogues) touches many index pages;
+  // the default 2 MB page cache makes it spill to the WAL over and over.
+  conn_.execIgnoring("PRAGMA cache_size=-65536");
   registerFunctions();
   migrate();
   journal_.ensureSchema();

@@ -13,7 +13,8 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
   app.set_version_flag("--version", "orvel 0.1.0");
   app.require_subcommand(1, 1);
   app.fallthrough();
-  app.add_option("--db", ctx.dbOption, "Use the catalogue at PATH instead of the usual one");
+  app.add_option("--db", ctx.dbOption, "Use the catalogue at PATH instead of the usual one")
+      ->type_name("PATH");
   app.add_flag("-v,--verbose", ctx.verbose, "Also show the store's log lines on stderr");
 
   addInfoCommand(app, ctx);

@@ -47,7 +47,10 @@ int64_t resolvePlaylist(OrvelDB& db, const std::string& idOrPath) {
 }
 
 std::vector<TrackRow> listTracks(OrvelDB& db, const ListOptions& o) {
-  std::vector<TrackRow> rows = db.loadAllTracks();
+  // The plain newest-first listing can stop at the limit inside the query.
+  const bool whole = !o.playlist.empty() || !o.search.empty() || !o.sort.empty();
+  std::vector<TrackRow> rows =
+      db.loadAllTracks(!whole && o.limit > 0 ? std::optional<int64_t>(o.limit) : std::nullopt);
   if (!o.playlist.empty()) {
     const int64_t id = resolvePlaylist(db, o.playlist);
     std::unordered_map<int64_t, size_t> byId;
@@ -214,9 +217,11 @@ void addListCommands(CLI::App& app, Context& ctx) {
   ls->callback([&ctx, opts] {
     const auto rows = listTracks(ctx.db(), *opts);
     if (opts->json) {
-      json arr = json::array();
-      for (const auto& r : rows) arr.push_back(toJson(r));
-      ctx.out << arr.dump(2) << '\n';
+      // One array, a track per line: streamed, so a whole library does not
+      // have to exist twice in memory as JSON.
+      ctx.out << "[";
+      for (size_t i = 0; i < rows.size(); ++i) ctx.out << (i ? ",\n" : "\n") << toJson(rows[i]).dump();
+      ctx.out << "\n]\n";
       return;
     }
     printTrackTable(ctx.out, rows);
