@@ -259,7 +259,9 @@ std::optional<fs::path> AppPaths::backupDatabaseNow(int keep) {
 
 std::optional<fs::path> AppPaths::backupDatabaseNow(const fs::path& db, int keep) {
   keep = std::max(keep, 1);
-  const fs::path dir = locations::backupsDir();
+  // Beside the catalogue: for the usual one that is the support folder's
+  // Backups; another catalogue (orvel --db) never prunes the usual backups.
+  const fs::path dir = db.parent_path() / "Backups";
   std::error_code ec;
   fs::create_directories(dir, ec);
 

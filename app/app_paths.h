@@ -64,7 +64,8 @@ class AppPaths {
   static bool backupDatabase(int keep, Settings& settings);
   static bool backupDatabase(const std::filesystem::path& db, int keep, Settings& settings);
 
-  // Copies the catalogue at `db` (database() without it) into Backups as
+  // Copies the catalogue at `db` (database() without it) into the Backups
+  // folder beside it (support()/Backups for the usual catalogue) as
   // "orvel-YYYYMMDDTHHMMSS.db" (UTC; "-2", "-3"… added when that name is
   // taken) through SQLite's online backup, then deletes all but the newest
   // `keep` (at least 1) backups. Returns the new file, or std::nullopt after

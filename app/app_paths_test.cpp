@@ -110,7 +110,6 @@ TEST(AppPathsPython, InterpreterCheckAgreesWithTheShell) {
 class AppPathsBackup : public ::testing::Test {
  protected:
   void SetUp() override {
-    fs::remove_all(locations::backupsDir());
     OrvelDB db(catalogue_.string());
     for (int i = 0; i < 3; ++i) {
       NewTrack track;
@@ -119,11 +118,12 @@ class AppPathsBackup : public ::testing::Test {
     }
   }
 
-  static std::vector<fs::path> backups() {
+  fs::path backupsDir() const { return dir_ / "Backups"; }
+
+  std::vector<fs::path> backups() const {
     std::vector<fs::path> out;
     std::error_code ec;
-    for (const auto& e : fs::directory_iterator(locations::backupsDir(), ec))
-      out.push_back(e.path());
+    for (const auto& e : fs::directory_iterator(backupsDir(), ec)) out.push_back(e.path());
     std::sort(out.begin(), out.end());
     return out;
   }

@@ -1,9 +1,9 @@
 #include "core/store/connection.h"
 
-#include "core/text/split.h"
-
 #include <chrono>
 #include <cstdio>
+
+#include "core/text/split.h"
 
 namespace orvel {
 namespace {
@@ -18,7 +18,14 @@ std::string oneLine(std::string_view sql) {
     if (!out.empty()) out += ' ';
     out += line;
   }
-  if (out.size() > 160) out.resize(160);
+  // 160 characters, not bytes: never cut a UTF-8 sequence in two.
+  size_t chars = 0;
+  for (size_t i = 0; i < out.size(); ++i) {
+    if ((static_cast<unsigned char>(out[i]) & 0xC0) != 0x80 && ++chars > 160) {
+      out.resize(i);
+      break;
+    }
+  }
   return out;
 }
 
@@ -94,19 +101,36 @@ std::vector<int64_t> Connection::ids(std::string_view sql) const {
   return out;
 }
 
-// A savepoint starts a transaction when none is open and nests inside one
-// that is, so an inner failure rolls back exactly its own writes.
+// The outermost transaction takes the write lock at once (BEGIN IMMEDIATE):
+// a deferred one that reads first and writes later fails at the write when
+// another process (the window, say) wrote in between, and waiting cannot mend
+// that. Inside an open transaction it nests as a savepoint, so an inner
+// failure rolls back exactly its own writes.
 Transaction::Transaction(const Connection& conn) : conn_(conn) {
+  if (!conn_.inTransaction() && !conn_.execChecked("BEGIN IMMEDIATE")) {
+    outermost_ = true;
+    return;
+  }
   done_ = conn_.execChecked("SAVEPOINT orvel_tx").has_value();
 }
 
 Transaction::~Transaction() {
-  if (!done_) conn_.execIgnoring("ROLLBACK TO orvel_tx; RELEASE orvel_tx");
+  if (done_) return;
+  if (outermost_)
+    conn_.rollback();
+  else
+    conn_.execIgnoring("ROLLBACK TO orvel_tx; RELEASE orvel_tx");
 }
 
-void Transaction::commit() {
-  if (!done_) conn_.execIgnoring("RELEASE orvel_tx");
+bool Transaction::commit() {
+  if (done_) return false;
   done_ = true;
+  if (!outermost_) return !conn_.execChecked("RELEASE orvel_tx");
+  if (!conn_.execChecked("COMMIT")) return true;
+  // A commit that fails must not leave the transaction open for later writes
+  // to join and lose.
+  conn_.rollback();
+  return false;
 }
 
 std::string joinIds(std::span<const int64_t> ids) {

@@ -57,17 +57,18 @@ class Connection {
 
 // A transaction that rolls back unless committed. Inside an open transaction
 // it nests (as a savepoint), so store operations can call each other and each
-// stays atomic on its own.
+// stays atomic on its own. commit() says whether the writes are kept.
 class Transaction {
  public:
   explicit Transaction(const Connection& conn);
   Transaction(const Transaction&) = delete;
   Transaction& operator=(const Transaction&) = delete;
   ~Transaction();
-  void commit();
+  bool commit();
 
  private:
   const Connection& conn_;
+  bool outermost_ = false;
   bool done_ = false;
 };
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <set>
@@ -62,8 +63,11 @@ void bindJson(Statement& st, int index, const json& v) {
   } else if (v.is_object() && v.contains("hex") && v["hex"].is_string()) {
     const std::string hex = v["hex"].get<std::string>();
     std::vector<uint8_t> bytes;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2)
-      bytes.push_back(static_cast<uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+      uint8_t b = 0;
+      const auto [end, ec] = std::from_chars(hex.data() + i, hex.data() + i + 2, b, 16);
+      if (ec == std::errc() && end == hex.data() + i + 2) bytes.push_back(b);  // skip damage
+    }
     st.bindBlob(index, bytes);
   } else if (v.is_string()) {
     st.bind(index, v.get<std::string>());
@@ -160,11 +164,13 @@ void Journal::recordCurrent(const std::string& opId, const std::string& opName,
 }
 
 std::optional<std::string> Journal::primaryKey(const std::string& table) const {
-  Statement st = conn_.prepare("SELECT name FROM pragma_table_info(?) WHERE pk = 1");
+  Statement st = conn_.prepare("SELECT name FROM pragma_table_info(?) WHERE pk > 0");
   st.bind(1, table);
   if (!st.step()) return std::nullopt;
   std::string name = st.text(0);
-  if (st.step()) return std::nullopt;  // a composite key has no single row id
+  // A composite key (beatgrids, track_tags…) has no single row id: deleting
+  // "by id" there would take every row of the track with it.
+  if (st.step()) return std::nullopt;
   return name;
 }
 
@@ -282,12 +288,11 @@ bool Journal::restoreRow(const std::string& table, int64_t id,
 std::vector<Journal::Operation> Journal::operations(int limit) const {
   std::vector<Operation> out;
   Statement st = conn_.prepare(
-      "SELECT op_id, op_name, COUNT(*), MAX(at), MIN(undone), MAX(id)\n"
+      "SELECT op_id, op_name, COUNT(*), MAX(at), MIN(undone)\n"
       "FROM history GROUP BY op_id ORDER BY MAX(at) DESC, op_id DESC LIMIT ?");
   st.bind(1, static_cast<int64_t>(limit));
   while (st.step())
-    out.push_back(
-        {st.text(0), st.text(1), st.int64(2), st.int64(3), st.int64(4) != 0, st.int64(5)});
+    out.push_back({st.text(0), st.text(1), st.int64(2), st.int64(3), st.int64(4) != 0});
   return out;
 }
 
@@ -343,25 +348,37 @@ int Journal::apply(const std::string& opId, bool undoing) const {
     up.bind(1, e.value).bind(2, e.entityId);
     if (up.stepCode() == SQLITE_DONE) ++applied;
   }
-  Statement mark = conn_.prepare("UPDATE history SET undone = ? WHERE op_id = ?");
-  mark.bind(1, static_cast<int64_t>(undoing ? 1 : 0)).bind(2, opId).stepCode();
+  Statement mark = conn_.prepare(undoing ? "UPDATE history SET undone = 1 WHERE op_id = ?"
+                                         : "UPDATE history SET undone = 0 WHERE op_id = ?");
+  mark.bind(1, opId).stepCode();
   tx.commit();
   return applied;
 }
 
-namespace {
-
 // The listing orders operations of the same second by op id, which carries a
 // random number; Undo and Redo need the order in which they really happened,
-// which the history row ids keep.
-std::vector<Journal::Operation> inRecordedOrder(std::vector<Journal::Operation> ops) {
-  std::stable_sort(ops.begin(), ops.end(), [](const auto& a, const auto& b) {
-    return a.at != b.at ? a.at > b.at : a.lastEntry > b.lastEntry;
+// which the history row ids keep. Only ties need the extra look-up.
+std::vector<Journal::Operation> Journal::inRecordedOrder(std::vector<Operation> ops) const {
+  Statement newest = conn_.prepare("SELECT MAX(id) FROM history WHERE op_id = ?");
+  std::vector<int64_t> lastEntry(ops.size(), 0);
+  for (size_t i = 0; i < ops.size(); ++i) {
+    const bool tied =
+        (i > 0 && ops[i - 1].at == ops[i].at) || (i + 1 < ops.size() && ops[i + 1].at == ops[i].at);
+    if (!tied) continue;
+    newest.reset();
+    newest.bind(1, ops[i].id);
+    if (newest.step()) lastEntry[i] = newest.int64(0);
+  }
+  std::vector<size_t> order(ops.size());
+  for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
+    return ops[a].at != ops[b].at ? ops[a].at > ops[b].at : lastEntry[a] > lastEntry[b];
   });
-  return ops;
+  std::vector<Operation> sorted;
+  sorted.reserve(ops.size());
+  for (size_t i : order) sorted.push_back(std::move(ops[i]));
+  return sorted;
 }
-
-}  // namespace
 
 std::optional<Journal::Operation> Journal::lastUndoable() const {
   for (auto& op : inRecordedOrder(operations(200)))

@@ -38,7 +38,6 @@ class Journal {
     int64_t entries = 0;
     int64_t at = 0;  // the newest entry's time
     bool undone = false;
-    int64_t lastEntry = 0;  // the newest history row id: orders operations of one second
   };
 
   static constexpr std::string_view kRowField = "@row";
@@ -104,6 +103,7 @@ class Journal {
 
  private:
   int apply(const std::string& opId, bool undoing) const;
+  std::vector<Operation> inRecordedOrder(std::vector<Operation> ops) const;
   std::optional<std::string> primaryKey(const std::string& table) const;
 
   const Connection& conn_;

@@ -130,6 +130,10 @@ TEST_F(JournalTest, EntriesOutsideTheWritableTableAreNeverApplied) {
   EXPECT_EQ(field(a, "path_norm"), "/m/a.mp3");
   EXPECT_TRUE(j.operations(1)[0].undone);
   EXPECT_FALSE(Journal::isWritable("tracks", "merged_into"));
+  // Rows of tables keyed on several columns cannot be put back "by id".
+  db().addTag(std::vector<int64_t>{a}, "vocal");
+  EXPECT_FALSE(j.restoreRow("track_tags", a, std::nullopt));
+  EXPECT_EQ(db().tagsOf(a).size(), 1u);
   EXPECT_EQ(Journal::writable("tracks").front(), "removed");
   EXPECT_EQ(Journal::writable("playlists").front(), "name");
 }

@@ -47,6 +47,7 @@ struct RelinkStats {
   int64_t ambiguous = 0;   // several candidates: left alone
   int64_t unmatched = 0;   // no candidate
   int64_t linksMoved = 0;  // playlist links moved to the surviving rows
+  int64_t offline = 0;     // on a drive that is not mounted: left alone, not counted dead
 };
 
 struct PurgeRow {
@@ -92,6 +93,9 @@ class OrvelDB {
 
   // Called after field writes so an in-memory model can patch its rows.
   FieldWritten onFieldWritten;
+
+  // Why the last journaled edit that returned no op id failed (SQLite's words).
+  const std::string& lastError() const { return lastError_; }
 
   // ---- statements -------------------------------------------------------
   Statement prepare(std::string_view sql) const { return conn_.prepare(sql); }
@@ -207,6 +211,7 @@ class OrvelDB {
   void registerFunctions();
 
   std::string path_;
+  std::string lastError_;
   Connection conn_;
   Journal journal_;
 };

@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "core/store/orvel_db.h"
+#include "core/text/split.h"
 
 namespace orvel {
 namespace {
@@ -13,53 +14,73 @@ bool fileExists(const std::string& path) {
   return std::filesystem::exists(path, ec);
 }
 
+std::string lastComponent(const std::string& path) {
+  const auto slash = path.find_last_of('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// A file on an external drive that is not plugged in is not gone. Its volume
+// root ("/Volumes/NAME", "/media/USER/NAME", "/run/media/USER/NAME",
+// "/mnt/NAME") is then missing, or an empty mount point.
+bool onOfflineVolume(const std::string& path) {
+  const auto parts = split(path, '/');  // parts[0] is "" for an absolute path
+  size_t depth = 0;
+  if (parts.size() > 3 && (parts[1] == "Volumes" || parts[1] == "mnt")) depth = 3;
+  if (parts.size() > 4 && parts[1] == "media") depth = 4;
+  if (parts.size() > 5 && parts[1] == "run" && parts[2] == "media") depth = 5;
+  if (depth == 0) return false;
+  std::string root;
+  for (size_t i = 1; i < depth; ++i) root += "/" + std::string(parts[i]);
+  std::error_code ec;
+  return !std::filesystem::exists(root, ec) || std::filesystem::is_empty(root, ec);
+}
+
 }  // namespace
 
 int64_t OrvelDB::mergeTrack(int64_t loser, int64_t keeper) {
   Transaction tx(conn_);
-  conn_.execIgnoring(
-      fmt::format("INSERT OR IGNORE INTO playlist_tracks(playlist_id, track_id, position)\n"
-                  "SELECT playlist_id, {}, position FROM playlist_tracks WHERE track_id={}",
-                  keeper, loser));
-  const int64_t moved = conn_.changes();
+  int64_t moved = 0;
+  if (!conn_.execChecked(
+          fmt::format("INSERT OR IGNORE INTO playlist_tracks(playlist_id, track_id, position)\n"
+                      "SELECT playlist_id, {}, position FROM playlist_tracks WHERE track_id={}",
+                      keeper, loser)))
+    moved = conn_.changes();
   conn_.execIgnoring(fmt::format("DELETE FROM playlist_tracks WHERE track_id={}", loser));
   conn_.execIgnoring(fmt::format("UPDATE tracks SET merged_into={} WHERE id={}", keeper, loser));
-  tx.commit();
-  return moved;
+  return tx.commit() ? moved : 0;
 }
 
 RelinkStats OrvelDB::relink(bool apply) {
   RelinkStats stats;
   std::vector<std::pair<int64_t, std::string>> dead;
   {
-    // The stored file name is what the candidates are matched on; a row
-    // without one falls back to the last component of its path.
-    Statement st = conn_.prepare(
-        "SELECT id, path, COALESCE(filename, '') FROM tracks WHERE merged_into IS NULL");
+    Statement st = conn_.prepare("SELECT id, path FROM tracks WHERE merged_into IS NULL");
     while (st.step()) {
       std::string path = st.text(1);
       if (fileExists(path)) continue;
-      std::string filename = st.text(2);
-      if (filename.empty()) {
-        const auto slash = path.find_last_of('/');
-        filename = slash == std::string::npos ? path : path.substr(slash + 1);
+      if (onOfflineVolume(path)) {
+        ++stats.offline;
+        continue;
       }
-      dead.emplace_back(st.int64(0), std::move(filename));
+      dead.emplace_back(st.int64(0), std::move(path));
     }
   }
   stats.dead = static_cast<int64_t>(dead.size());
 
   Transaction tx(conn_);
   Statement candidates = conn_.prepare(
-      "SELECT id, path FROM tracks WHERE filename=? AND merged_into IS NULL AND id != ? AND "
+      "SELECT id FROM tracks WHERE filename=? AND merged_into IS NULL AND id != ? AND "
       "file_missing=0");
-  for (const auto& [id, filename] : dead) {
+  Statement pathOf = conn_.prepare("SELECT path FROM tracks WHERE id=?");
+  for (const auto& [id, path] : dead) {
     candidates.reset();
-    candidates.bind(1, filename).bind(2, id);
+    candidates.bind(1, lastComponent(path)).bind(2, id);
     std::vector<int64_t> survivors;
-    while (candidates.step())
-      if (fileExists(candidates.text(1))) survivors.push_back(candidates.int64(0));
-
+    while (candidates.step()) {
+      pathOf.reset();
+      pathOf.bind(1, candidates.int64(0));
+      if (pathOf.step() && fileExists(pathOf.text(0))) survivors.push_back(candidates.int64(0));
+    }
     if (survivors.size() == 1) {
       ++stats.relinked;
       if (apply) stats.linksMoved += mergeTrack(id, survivors.front());

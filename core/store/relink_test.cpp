@@ -28,6 +28,8 @@ TEST_F(RelinkTest, DryRunCountsAndApplyMergesMovedFilesAndMarksTheRest) {
   add(touch("a/twin.mp3"));
   add(touch("b/twin.mp3"));
   const int64_t gone = add((dir_ / "old/gone.mp3").string());
+  // On a drive that is not plugged in: not gone, just away.
+  const int64_t away = add("/Volumes/Orvel Test Drive 7f3a/Crates/moved.mp3");
   db().execChecked("INSERT INTO playlists(id, name) VALUES(1, 'Set')");
   db().execChecked("INSERT INTO playlist_tracks VALUES(1, " + std::to_string(oldRow) + ", 0)");
 
@@ -36,6 +38,7 @@ TEST_F(RelinkTest, DryRunCountsAndApplyMergesMovedFilesAndMarksTheRest) {
   EXPECT_EQ(dry.relinked, 1);
   EXPECT_EQ(dry.ambiguous, 1);
   EXPECT_EQ(dry.unmatched, 1);
+  EXPECT_EQ(dry.offline, 1);
   EXPECT_EQ(field(oldRow, "merged_into"), "");
   EXPECT_EQ(field(gone, "file_missing"), "0");
 
@@ -46,7 +49,9 @@ TEST_F(RelinkTest, DryRunCountsAndApplyMergesMovedFilesAndMarksTheRest) {
   EXPECT_EQ(db().scalarInt("SELECT track_id FROM playlist_tracks WHERE playlist_id = 1"), newRow);
   EXPECT_EQ(field(twin, "file_missing"), "1");
   EXPECT_EQ(field(gone, "file_missing"), "1");
-  EXPECT_EQ(db().loadAllTracks().size(), 5u);  // the merged row is no longer listed
+  EXPECT_EQ(field(away, "file_missing"), "0");
+  EXPECT_EQ(field(away, "merged_into"), "");
+  EXPECT_EQ(db().loadAllTracks().size(), 6u);  // the merged row is no longer listed
 }
 
 }  // namespace

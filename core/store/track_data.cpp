@@ -67,7 +67,7 @@ std::optional<std::string> OrvelDB::setTrackOptions(int64_t trackId, const std::
   st.bind(1, trackId).bind(2, json);
   if (st.stepCode() != SQLITE_DONE) return std::nullopt;
   journal_.seal(opId);
-  tx.commit();
+  if (!tx.commit()) return std::nullopt;
   return opId;
 }
 

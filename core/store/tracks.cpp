@@ -109,10 +109,8 @@ std::vector<TrackRow> OrvelDB::loadAllTracks(std::optional<int64_t> limit) const
   if (limit) sql += " LIMIT " + std::to_string(std::max<int64_t>(*limit, 0));
   Statement st = conn_.prepare(sql);
   std::vector<TrackRow> rows;
-  if (limit)
-    rows.reserve(static_cast<size_t>(*limit));
-  else
-    rows.reserve(static_cast<size_t>(conn_.count("tracks")));
+  const int64_t all = conn_.count("tracks");
+  rows.reserve(static_cast<size_t>(limit ? std::clamp<int64_t>(*limit, 0, all) : all));
   while (st.step()) readTrack(st, rows.emplace_back());
   return rows;
 }
@@ -131,7 +129,7 @@ int64_t OrvelDB::orvelSourceId() {
     return *id;
   Statement st = conn_.prepare(
       "INSERT INTO sources(name, detail, imported_at) VALUES('orvel', 'drag-and-drop imports', ?)");
-  st.bind(1, unixNow()).stepCode();
+  if (st.bind(1, unixNow()).stepCode() != SQLITE_DONE) return 0;  // links to no source
   return conn_.lastInsertId();
 }
 
@@ -149,12 +147,24 @@ std::optional<int64_t> OrvelDB::insertImported(const NewTrack& track, int64_t so
       removed = find.int64(1) != 0;
     }
   }
+  if (id && removed) {
+    // A removed row may share its key with a live row of the same file; the
+    // live one is the track, and reinstating the old one would make two.
+    Statement live = conn_.prepare(
+        "SELECT id FROM tracks WHERE path_norm = ? AND merged_into IS NULL AND "
+        "coalesce(removed,0) = 0 LIMIT 1");
+    live.bind(1, normalizePath(track.path));
+    if (live.step()) {
+      id = live.int64(0);
+      removed = false;
+    }
+  }
   if (id) {
     // A file dropped in again brings its old row back, cues and history included.
     if (removed) {
       const std::array<int64_t, 1> one{*id};
-      writeField("removed", std::nullopt, one);
-      writeField("file_missing", "0", one);
+      if (!writeField("removed", std::nullopt, one) || !writeField("file_missing", "0", one))
+        return std::nullopt;
     }
   } else {
     std::string filename = track.filename;
@@ -175,7 +185,7 @@ std::optional<int64_t> OrvelDB::insertImported(const NewTrack& track, int64_t so
   }
   conn_.execIgnoring(fmt::format(
       "INSERT OR IGNORE INTO track_sources(track_id, source_id) VALUES({}, {})", *id, sourceId));
-  tx.commit();
+  if (!tx.commit()) return std::nullopt;
   return id;
 }
 
@@ -228,6 +238,7 @@ std::optional<std::string> OrvelDB::setField(const std::string& column,
                                              const std::string& opName) {
   if (!hasTrackColumn(column)) {
     note("setField REFUSED: no tracks column named " + column + " (asked for " + opName + ")");
+    lastError_ = "no tracks column named " + column;
     return std::nullopt;
   }
   if (ids.empty()) return std::nullopt;
@@ -237,8 +248,14 @@ std::optional<std::string> OrvelDB::setField(const std::string& column,
   Statement up =
       conn_.prepare("UPDATE tracks SET " + column + " = ? WHERE id IN (" + joinIds(ids) + ")");
   up.bind(1, value);
-  if (up.stepCode() != SQLITE_DONE) return std::nullopt;  // the transaction rolls back
-  tx.commit();
+  if (up.stepCode() != SQLITE_DONE) {
+    lastError_ = conn_.errorMessage();
+    return std::nullopt;  // the transaction rolls back, journal entries included
+  }
+  if (!tx.commit()) {
+    lastError_ = "the change could not be saved";
+    return std::nullopt;
+  }
   notifyFieldWritten(column, value, ids);
   return opId;
 }
@@ -317,9 +334,11 @@ std::optional<std::string> OrvelDB::softRemove(std::span<const int64_t> ids) {
   const std::string opId = journal_.begin(opName);
   journal_.recordCurrent(opId, opName, "tracks", ids, "removed", "1");
   if (auto err =
-          conn_.execChecked("UPDATE tracks SET removed=1 WHERE id IN (" + joinIds(ids) + ")"))
+          conn_.execChecked("UPDATE tracks SET removed=1 WHERE id IN (" + joinIds(ids) + ")")) {
+    lastError_ = *err;
     return std::nullopt;
-  tx.commit();
+  }
+  if (!tx.commit()) return std::nullopt;
   notifyFieldWritten("removed", "1", ids);
   return opId;
 }

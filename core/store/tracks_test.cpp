@@ -42,6 +42,16 @@ TEST_F(TracksTest, RemovedFileDroppedInAgainComesBackWithItsIdAndCues) {
   EXPECT_TRUE(db().hasTrack("/MUSIC/CAF\xC3\x89.MP3"));
 }
 
+TEST_F(TracksTest, ALiveRowWinsOverARemovedRowOfTheSameFile) {
+  const int64_t old = add("/m/a.mp3");
+  ASSERT_TRUE(db().softRemove(std::vector<int64_t>{old}));
+  ASSERT_EQ(db().execChecked("INSERT INTO tracks(path) VALUES('/m/A.mp3')"), std::nullopt);
+  const int64_t live = db().connection().lastInsertId();
+  EXPECT_EQ(add("/M/a.mp3"), live);
+  EXPECT_EQ(field(old, "removed"), "1");
+  EXPECT_EQ(db().loadAllTracks().size(), 1u);
+}
+
 TEST_F(TracksTest, LaunchOrderIsNewestFirstThenHigherIdAndTitlesFallBackToFileNames) {
   const int64_t a = add("/m/Old Tune.mp3", "Old", 100);
   const int64_t b = add("/m/No Title.wav", "", 200);

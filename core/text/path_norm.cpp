@@ -4,6 +4,8 @@
 #include <unicode/normalizer2.h>
 #include <unicode/unistr.h>
 
+#include <cstdint>
+
 namespace orvel {
 namespace {
 
@@ -30,8 +32,44 @@ std::string toUtf8(const icu::UnicodeString& u) {
 
 }  // namespace
 
+// Linux file names are bytes; one that is not UTF-8 keeps its bytes (ASCII
+// lower-cased) so two such names never collapse into one replacement character.
+static bool isValidUtf8(std::string_view s) {
+  size_t i = 0;
+  while (i < s.size()) {
+    const auto c = static_cast<unsigned char>(s[i]);
+    size_t len = 0;
+    uint32_t cp = 0;
+    if (c < 0x80) {
+      ++i;
+      continue;
+    } else if ((c & 0xE0) == 0xC0) {
+      len = 2;
+      cp = c & 0x1F;
+    } else if ((c & 0xF0) == 0xE0) {
+      len = 3;
+      cp = c & 0x0F;
+    } else if ((c & 0xF8) == 0xF0) {
+      len = 4;
+      cp = c & 0x07;
+    } else {
+      return false;
+    }
+    if (i + len > s.size()) return false;
+    for (size_t k = 1; k < len; ++k) {
+      const auto cc = static_cast<unsigned char>(s[i + k]);
+      if ((cc & 0xC0) != 0x80) return false;
+      cp = (cp << 6) | (cc & 0x3F);
+    }
+    const uint32_t minimum = len == 2 ? 0x80 : len == 3 ? 0x800 : 0x10000;
+    if (cp < minimum || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
+    i += len;
+  }
+  return true;
+}
+
 std::string normalizePathKey(std::string_view utf8) {
-  if (isAscii(utf8)) return asciiLower(utf8);
+  if (isAscii(utf8) || !isValidUtf8(utf8)) return asciiLower(utf8);
   UErrorCode status = U_ZERO_ERROR;
   const icu::Normalizer2* nfc = icu::Normalizer2::getNFCInstance(status);
   icu::UnicodeString u = icu::UnicodeString::fromUTF8(

@@ -7,7 +7,8 @@
 
 namespace orvel {
 
-// UTF-8 in, UTF-8 out. Invalid UTF-8 sequences become U+FFFD, as ICU decodes them.
+// UTF-8 in, UTF-8 out. A text that is not valid UTF-8 (a Linux file name is
+// any bytes) keeps its bytes, with ASCII letters lower-cased.
 std::string normalizePathKey(std::string_view utf8);
 
 // Full Unicode lower-casing without normalisation (search, folding).

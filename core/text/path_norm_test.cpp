@@ -25,5 +25,12 @@ TEST(PathNorm, UsesFullUnicodeCaseMappingNotAscii) {
   EXPECT_EQ(lowerUnicode("\xC3\x84RGER"), "\xC3\xA4rger");
 }
 
+TEST(PathNorm, NamesThatAreNotUtf8StayDistinct) {
+  // Latin-1 bytes from an old disk: two different files, two keys.
+  EXPECT_EQ(normalizePathKey("/M/Caf\xE9.mp3"), "/m/caf\xE9.mp3");
+  EXPECT_NE(normalizePathKey("/m/caf\xE9.mp3"), normalizePathKey("/m/caf\xE8.mp3"));
+  EXPECT_EQ(normalizePathKey("/m/\xC3"), "/m/\xC3");  // cut-off sequence
+}
+
 }  // namespace
 }  // namespace orvel

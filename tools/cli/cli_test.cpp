@@ -2,9 +2,9 @@
 // catalogue afresh, as separate runs of the program would.
 #include "tools/cli/cli.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
-#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -120,8 +120,12 @@ TEST_F(CliTest, BadInputIsOneLineAndChangesNothing) {
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
     EXPECT_EQ(r.out, "");
   };
-  expectOneLine(orvel({"set", "gnere", "House", std::to_string(a_)}), 1, "unknown field 'gnere'");
-  expectOneLine(orvel({"set", "path_norm", "x", std::to_string(a_)}), 1, "cannot be edited");
+  expectOneLine(orvel({"set", "gnere", "House", std::to_string(a_)}), 2, "unknown field 'gnere'");
+  expectOneLine(orvel({"set", "path_norm", "x", std::to_string(a_)}), 2, "cannot be edited");
+  expectOneLine(orvel({"set", "bpm", "fast", std::to_string(a_)}), 2, "takes a number");
+  expectOneLine(orvel({"set", "rating", "4", std::to_string(a_)}), 2, "steps of 20");
+  expectOneLine(orvel({"set", "path", "/music/DJ Koze/xtc.MP3", std::to_string(a_)}), 1,
+                "UNIQUE");  // that file is another live track
   expectOneLine(orvel({"set", "genre", "House", std::to_string(a_), "999"}), 1,
                 "no track with id 999");
   expectOneLine(orvel({"rate", "9", std::to_string(a_)}), 2, "9");
@@ -157,6 +161,7 @@ TEST_F(CliTest, ListingsSearchSortLimitAndShowTrackRowFields) {
   EXPECT_EQ(members[0]["id"], c_);  // playlist order, not date order
   EXPECT_EQ(orvelJson({"ls", "--playlist", "2"}), members);
   EXPECT_EQ(orvel({"ls", "--playlist", "Sets/Peak"}).code, 1);
+  EXPECT_EQ(orvel({"ls", "--playlist", "99999999999999999999"}).code, 1);
 
   const Result table = orvel({"ls"});
   EXPECT_EQ(table.code, 0);
@@ -175,7 +180,8 @@ TEST_F(CliTest, InfoAndBackup) {
 
   const Result r = orvel({"backup", "--keep", "2"});
   ASSERT_EQ(r.code, 0) << r.err;
-  EXPECT_THAT(r.out, HasSubstr(locations::backupsDir().string()));
+  EXPECT_THAT(r.out, HasSubstr((dir_ / "Backups").string()));
+  EXPECT_FALSE(std::filesystem::exists(locations::backupsDir()));  // the usual backups untouched
   const Result relink = orvel({"relink"});
   EXPECT_EQ(relink.code, 0);
   EXPECT_THAT(relink.out, HasSubstr("3 files not found"));

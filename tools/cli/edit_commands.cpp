@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 
 #include <cctype>
+#include <charconv>
+#include <cstdlib>
 
 #include "core/store/journal.h"
 #include "tools/cli/commands.h"
@@ -34,8 +36,35 @@ std::string titleCase(std::string s) {
 
 void report(Context& ctx, const std::optional<std::string>& opId, const std::string& what,
             size_t n) {
-  if (!opId) throw CliError(kFailed, what + " failed; nothing was changed");
+  if (!opId)
+    throw CliError(kFailed, what + " failed (" + ctx.db().lastError() + "); nothing was changed");
   ctx.out << fmt::format("{} on {} (undo with: orvel undo {})\n", what, countOf(n, "track"), *opId);
+}
+
+// A number column only takes a number: text there would sort above every
+// number for good. Ratings are 0–100 here (stars are `orvel rate`).
+void checkValue(OrvelDB& db, const std::string& column, const std::string& field,
+                const std::string& value) {
+  if (value.empty()) return;
+  Statement st = db.prepare("SELECT type FROM pragma_table_info('tracks') WHERE name = ?");
+  st.bind(1, column);
+  const std::string type = st.step() ? st.text(0) : std::string();
+  const char* end = value.data() + value.size();
+  if (type == "INTEGER") {
+    int64_t n = 0;
+    const auto [at, ec] = std::from_chars(value.data(), end, n);
+    if (ec != std::errc() || at != end)
+      throw CliError(kBadUsage, "'" + field + "' takes a whole number, not '" + value + "'");
+    if (column == "rating" && (n < 0 || n > 100 || n % 20 != 0))
+      throw CliError(
+          kBadUsage,
+          "a rating is 0 to 100 in steps of 20, one star each (or: orvel rate STARS ID…)");
+  } else if (type == "REAL") {
+    char* stop = nullptr;
+    std::strtod(value.c_str(), &stop);
+    if (stop != end)
+      throw CliError(kBadUsage, "'" + field + "' takes a number, not '" + value + "'");
+  }
 }
 
 }  // namespace
@@ -66,11 +95,12 @@ void addEditCommands(CLI::App& app, Context& ctx) {
   set->callback([&ctx, a] {
     OrvelDB& db = ctx.db();
     const std::string column = OrvelDB::columnFor(a->field);
-    if (!db.hasTrackColumn(column)) throw CliError(kFailed, "unknown field '" + a->field + "'");
+    if (!db.hasTrackColumn(column)) throw CliError(kBadUsage, "unknown field '" + a->field + "'");
     // Only fields that undo can write back may be edited from here, so every
     // edit made on the command line can be taken back.
     if (!Journal::isWritable("tracks", column))
-      throw CliError(kFailed, "the field '" + a->field + "' cannot be edited");
+      throw CliError(kBadUsage, "the field '" + a->field + "' cannot be edited");
+    checkValue(db, column, a->field, a->value);
     requireLiveTracks(ctx, a->ids);
     const std::optional<std::string> value =
         a->value.empty() ? std::nullopt : std::optional<std::string>(a->value);

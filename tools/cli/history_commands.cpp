@@ -34,12 +34,8 @@ Journal::Operation pick(Context& ctx, const std::string& opId, bool undoing) {
   if (entries.empty()) throw CliError(kFailed, "no operation with id " + opId);
   bool allUndone = true;
   for (const auto& e : entries) allUndone = allUndone && e.undone;
-  return {opId,
-          entries.front().opName,
-          static_cast<int64_t>(entries.size()),
-          entries.back().at,
-          allUndone,
-          0};
+  return {opId, entries.front().opName, static_cast<int64_t>(entries.size()), entries.back().at,
+          allUndone};
 }
 
 void undoOrRedo(Context& ctx, const std::string& opId, bool undoing) {

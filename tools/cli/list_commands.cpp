@@ -1,6 +1,7 @@
 // orvel ls, orvel show.
 #include <fmt/format.h>
 
+#include <charconv>
 #include <cmath>
 #include <nlohmann/json.hpp>
 #include <unordered_map>
@@ -26,12 +27,14 @@ struct ListOptions {
 
 // A playlist by id, or by its path of names from the top ("Sets/2026/Warm-up").
 int64_t resolvePlaylist(OrvelDB& db, const std::string& idOrPath) {
-  if (!idOrPath.empty() && idOrPath.find_first_not_of("0123456789") == std::string::npos) {
-    const int64_t id = std::stoll(idOrPath);
-    if (db.scalarInt("SELECT COUNT(*) FROM playlists WHERE id = " + std::to_string(id)) != 1)
-      throw CliError(kFailed, "no playlist with id " + idOrPath);
+  // A number is an id when such a playlist exists; otherwise it is a name
+  // (a crate called "2024").
+  int64_t id = 0;
+  const char* end = idOrPath.data() + idOrPath.size();
+  if (const auto [at, ec] = std::from_chars(idOrPath.data(), end, id);
+      ec == std::errc() && at == end &&
+      db.scalarInt("SELECT COUNT(*) FROM playlists WHERE id = " + std::to_string(id)) == 1)
     return id;
-  }
   std::optional<int64_t> parent;
   for (std::string_view name : split(idOrPath, '/')) {
     if (name.empty()) continue;
@@ -220,7 +223,8 @@ void addListCommands(CLI::App& app, Context& ctx) {
       // One array, a track per line: streamed, so a whole library does not
       // have to exist twice in memory as JSON.
       ctx.out << "[";
-      for (size_t i = 0; i < rows.size(); ++i) ctx.out << (i ? ",\n" : "\n") << toJson(rows[i]).dump();
+      for (size_t i = 0; i < rows.size(); ++i)
+        ctx.out << (i ? ",\n" : "\n") << toJson(rows[i]).dump();
       ctx.out << "\n]\n";
       return;
     }

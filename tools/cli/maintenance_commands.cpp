@@ -110,11 +110,20 @@ void addMaintenanceCommands(CLI::App& app, Context& ctx) {
                    "Merge each moved track into its new row; mark the rest missing");
   relink->add_flag("--json", *asJson, "One JSON object on stdout");
   relink->callback([&ctx, apply, asJson] {
-    const RelinkStats s = ctx.db().relink(*apply);
+    OrvelDB& db = ctx.db();
+    if (*apply) {
+      // Merges cannot be undone from the history; keep the way back.
+      const auto copy = app::AppPaths::backupDatabaseNow(ctx.dbPath(), 10);
+      if (!copy)
+        throw CliError(kFailed, "could not back up the catalogue first; nothing was changed");
+      ctx.err << "backed up to " << copy->string() << " first\n";
+    }
+    const RelinkStats s = db.relink(*apply);
     if (*asJson) {
       ctx.out << json{{"applied", *apply},        {"dead", s.dead},
                       {"relinked", s.relinked},   {"ambiguous", s.ambiguous},
-                      {"unmatched", s.unmatched}, {"linksMoved", s.linksMoved}}
+                      {"unmatched", s.unmatched}, {"linksMoved", s.linksMoved},
+                      {"offline", s.offline}}
                      .dump(2)
               << '\n';
       return;
@@ -124,6 +133,9 @@ void addMaintenanceCommands(CLI::App& app, Context& ctx) {
         s.relinked, *apply ? "relinked" : "can be relinked", s.ambiguous, s.unmatched,
         *apply ? fmt::format(" (marked missing); {} playlist links moved", s.linksMoved)
                : " — run with --apply to relink");
+    if (s.offline > 0)
+      ctx.out << fmt::format("{} on drives that are not connected were left alone\n",
+                             countOf(static_cast<size_t>(s.offline), "track"));
   });
 }
 
