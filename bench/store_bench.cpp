@@ -13,6 +13,8 @@
 #include "core/store/log.h"
 #include "core/testing/temp_home.h"
 
+// Benchmark functions follow Google Benchmark's BM_ naming.
+// NOLINTBEGIN(readability-identifier-naming)
 namespace orvel {
 namespace {
 
@@ -164,6 +166,8 @@ BENCHMARK(BM_InsertBare10k)->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK(BM_InsertImported10k)->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK(BM_UpdateBare5000)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_SetFieldJournaled5000)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+
+// NOLINTEND(readability-identifier-naming)
 
 // Keeps each benchmark's time per iteration so the ratios can be printed.
 class RatioReporter : public benchmark::ConsoleReporter {

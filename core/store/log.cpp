@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
+#include <memory>
 #include <mutex>
 
 #include "core/store/locations.h"
@@ -32,11 +33,11 @@ void appendToFile(const std::string& line) {
   std::filesystem::create_directories(path.parent_path(), ec);
   // "a" creates the file when it is missing, which covers the case of a log
   // that cannot be opened for appending (it is then written as new content).
-  FILE* f = std::fopen(path.c_str(), "a");
-  if (f == nullptr) f = std::fopen(path.c_str(), "w");
-  if (f == nullptr) return;
-  std::fwrite(line.data(), 1, line.size(), f);
-  std::fclose(f);
+  using File = std::unique_ptr<FILE, int (*)(FILE*)>;
+  File f(std::fopen(path.c_str(), "a"), &std::fclose);
+  if (!f) f = File(std::fopen(path.c_str(), "w"), &std::fclose);
+  if (!f) return;
+  std::fwrite(line.data(), 1, line.size(), f.get());
 }
 
 }  // namespace

@@ -97,6 +97,8 @@ CREATE INDEX IF NOT EXISTS idx_pt_track      ON playlist_tracks(track_id);
 )SQL";
 
 // The upgrade after the base script, in order. Each runs with its error ignored.
+// Multi-line statements are adjacent literals on purpose.
+// NOLINTBEGIN(bugprone-suspicious-missing-comma)
 constexpr const char* kUpgradeSteps[] = {
     // track_fingerprints
     "CREATE TABLE IF NOT EXISTS track_fingerprints(track_id INTEGER PRIMARY KEY REFERENCES "
@@ -196,6 +198,7 @@ constexpr const char* kUpgradeSteps[] = {
     "CREATE UNIQUE INDEX IF NOT EXISTS idx_tracks_path_norm_unique ON tracks(path_norm)\n"
     "WHERE path_norm IS NOT NULL AND merged_into IS NULL AND coalesce(removed,0)=0",
 };
+// NOLINTEND(bugprone-suspicious-missing-comma)
 
 }  // namespace
 

@@ -135,13 +135,14 @@ int64_t OrvelDB::orvelSourceId() {
 
 std::optional<int64_t> OrvelDB::insertImported(const NewTrack& track, int64_t sourceId) {
   Transaction tx(conn_);
+  const std::string key = normalizePath(track.path);
   std::optional<int64_t> id;
   bool removed = false;
   {
     Statement find = conn_.prepare(
         "SELECT id, coalesce(removed,0) FROM tracks\n"
         "WHERE path_norm = ? AND merged_into IS NULL LIMIT 1");
-    find.bind(1, normalizePath(track.path));
+    find.bind(1, key);
     if (find.step()) {
       id = find.int64(0);
       removed = find.int64(1) != 0;
@@ -153,7 +154,7 @@ std::optional<int64_t> OrvelDB::insertImported(const NewTrack& track, int64_t so
     Statement live = conn_.prepare(
         "SELECT id FROM tracks WHERE path_norm = ? AND merged_into IS NULL AND "
         "coalesce(removed,0) = 0 LIMIT 1");
-    live.bind(1, normalizePath(track.path));
+    live.bind(1, key);
     if (live.step()) {
       id = live.int64(0);
       removed = false;

@@ -120,7 +120,10 @@ std::vector<SortKey> parseSort(const std::string& columns) {
     }
     if (!getters().contains(name)) {
       std::string known;
-      for (const auto& [k, g] : getters()) known += (known.empty() ? "" : ", ") + k;
+      for (const auto& [k, g] : getters()) {
+        if (!known.empty()) known += ", ";
+        known += k;
+      }
       throw CliError(kBadUsage, "cannot sort by '" + name + "' (one of: " + known + ")");
     }
     key.field = name;
@@ -132,6 +135,7 @@ std::vector<SortKey> parseSort(const std::string& columns) {
 void sortTracks(std::vector<TrackRow>& rows, const std::vector<SortKey>& keys) {
   if (keys.empty()) return;
   std::vector<const Getter*> get;
+  get.reserve(keys.size());
   for (const auto& k : keys) get.push_back(&getters().at(k.field));
   // Decorate once: the keys of a 100,000-row list are computed 100,000 times, not n log n.
   std::vector<std::pair<std::vector<SortValue>, size_t>> decorated(rows.size());
