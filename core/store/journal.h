@@ -90,6 +90,9 @@ class Journal {
   // undo (or redo) applies none.
   int undo(const std::string& opId) const;
   int redo(const std::string& opId) const;
+  // The same operations in the order they were recorded: the listing orders
+  // operations of one second by op id, which holds a random number.
+  std::vector<Operation> inRecordedOrder(std::vector<Operation> ops) const;
   std::optional<Operation> lastUndoable() const;
   std::optional<Operation> lastRedoable() const;
 
@@ -103,7 +106,6 @@ class Journal {
 
  private:
   int apply(const std::string& opId, bool undoing) const;
-  std::vector<Operation> inRecordedOrder(std::vector<Operation> ops) const;
   std::optional<std::string> primaryKey(const std::string& table) const;
 
   const Connection& conn_;

@@ -77,6 +77,9 @@ TEST_F(CliTest, EveryEditIsListedAndCanBeUndoneAndRedoneById) {
   }
   const json history = orvelJson({"history"});
   ASSERT_EQ(history.size(), edits.size() + 1);  // and the fixture's own edit
+  // All in the same second or two, still listed in the order they were made.
+  EXPECT_EQ(history[0]["opName"], "Remove from Library");
+  EXPECT_EQ(history[1]["opName"], "Dislike");
   for (const auto& op : opIds) {
     const bool listed =
         std::any_of(history.begin(), history.end(), [&](const json& h) { return h["id"] == op; });

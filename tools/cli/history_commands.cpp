@@ -59,7 +59,8 @@ void addHistoryCommands(CLI::App& app, Context& ctx) {
       ->check(CLI::PositiveNumber);
   history->add_flag("--json", *asJson, "One JSON array of operations on stdout");
   history->callback([&ctx, limit, asJson] {
-    const auto ops = ctx.db().journal().operations(*limit);
+    Journal& journal = ctx.db().journal();
+    const auto ops = journal.inRecordedOrder(journal.operations(*limit));
     if (*asJson) {
       json arr = json::array();
       for (const auto& op : ops)

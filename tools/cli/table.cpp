@@ -35,9 +35,9 @@ void Table::print(std::ostream& out) const {
       const std::string cell = fit(i < cells.size() ? cells[i] : std::string(), widths[i]);
       const std::string pad(widths[i] - displayWidth(cell), ' ');
       if (i != 0) text += "  ";
-      text += columns_[i].right ? pad + cell : (i + 1 == columns_.size() ? cell : cell + pad);
+      text += columns_[i].right ? pad + cell : cell + pad;
     }
-    out << text << '\n';
+    out << text.substr(0, text.find_last_not_of(' ') + 1) << '\n';
   };
   std::vector<std::string> headers;
   for (const auto& c : columns_) headers.push_back(c.header);
