@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include <filesystem>
+#include <optional>
 
 #include "core/store/orvel_db.h"
 #include "core/text/split.h"
@@ -67,7 +68,9 @@ RelinkStats OrvelDB::relink(bool apply) {
   }
   stats.dead = static_cast<int64_t>(dead.size());
 
-  Transaction tx(conn_);
+  // A dry run writes nothing, so it takes no write lock either.
+  std::optional<Transaction> tx;
+  if (apply) tx.emplace(conn_);
   Statement candidates = conn_.prepare(
       "SELECT id FROM tracks WHERE filename=? AND merged_into IS NULL AND id != ? AND "
       "file_missing=0");
@@ -92,7 +95,7 @@ RelinkStats OrvelDB::relink(bool apply) {
       ++stats.ambiguous;
     if (apply) markMissing(id);
   }
-  if (apply) tx.commit();
+  if (tx) tx->commit();
   return stats;
 }
 
