@@ -15,11 +15,6 @@ bool fileExists(const std::string& path) {
   return std::filesystem::exists(path, ec);
 }
 
-std::string lastComponent(const std::string& path) {
-  const auto slash = path.find_last_of('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
 // A file on an external drive that is not plugged in is not gone. Its volume
 // root ("/Volumes/NAME", "/media/USER/NAME", "/run/media/USER/NAME",
 // "/mnt/NAME") is then missing, or an empty mount point.
@@ -77,7 +72,7 @@ RelinkStats OrvelDB::relink(bool apply) {
   Statement pathOf = conn_.prepare("SELECT path FROM tracks WHERE id=?");
   for (const auto& [id, path] : dead) {
     candidates.reset();
-    candidates.bind(1, lastComponent(path)).bind(2, id);
+    candidates.bind(1, lastPathComponent(path)).bind(2, id);
     std::vector<int64_t> survivors;
     while (candidates.step()) {
       pathOf.reset();

@@ -5,21 +5,16 @@
 #include <cmath>
 #include <ctime>
 
+#include "core/text/split.h"
+
 namespace orvel {
 
 std::string TrackRow::fileName() const {
-  const auto slash = path.find_last_of('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
+  return std::string(lastPathComponent(path));
 }
 
 std::string TrackRow::ext() const {
-  const std::string name = fileName();
-  const auto dot = name.find_last_of('.');
-  if (dot == std::string::npos || dot == 0) return {};
-  std::string e = name.substr(dot + 1);
-  for (char& c : e)
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  return e;
+  return extensionOf(path);
 }
 
 std::string TrackRow::durationText() const {

@@ -8,6 +8,7 @@
 
 #include "core/store/log.h"
 #include "core/store/orvel_db.h"
+#include "core/text/split.h"
 
 namespace orvel {
 namespace {
@@ -168,11 +169,8 @@ std::optional<int64_t> OrvelDB::insertImported(const NewTrack& track, int64_t so
         return std::nullopt;
     }
   } else {
-    std::string filename = track.filename;
-    if (filename.empty()) {
-      const auto slash = track.path.find_last_of('/');
-      filename = slash == std::string::npos ? track.path : track.path.substr(slash + 1);
-    }
+    const std::string filename =
+        track.filename.empty() ? std::string(lastPathComponent(track.path)) : track.filename;
     Statement ins = conn_.prepare(
         "INSERT INTO tracks(path, filename, title, artist, album, genre, duration_ms, "
         "filesize_bytes,\n"
@@ -439,11 +437,7 @@ std::vector<PurgeRow> OrvelDB::purgeRows() const {
     r.missing = st.int64(6) != 0;
     r.isProduction = st.int64(7) != 0;
     std::string kind = st.text(8);
-    if (kind.empty()) {
-      TrackRow probe;
-      probe.path = r.path;
-      kind = probe.ext();
-    }
+    if (kind.empty()) kind = extensionOf(r.path);
     r.isLossless = kLossless.contains(kind);
     r.inAnyPlaylist = st.int64(9) != 0;
     r.cueCount = st.int64(10);

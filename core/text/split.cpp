@@ -1,5 +1,7 @@
 #include "core/text/split.h"
 
+#include <string>
+
 namespace orvel {
 
 std::vector<std::string_view> split(std::string_view text, char separator) {
@@ -21,6 +23,21 @@ std::string_view trim(std::string_view text) {
   const size_t first = text.find_first_not_of(kBlanks);
   if (first == std::string_view::npos) return {};
   return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+}
+
+std::string_view lastPathComponent(std::string_view path) {
+  const auto slash = path.find_last_of('/');
+  return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+
+std::string extensionOf(std::string_view path) {
+  const std::string_view name = lastPathComponent(path);
+  const auto dot = name.find_last_of('.');
+  if (dot == std::string_view::npos || dot == 0) return {};
+  std::string ext(name.substr(dot + 1));
+  for (char& c : ext)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  return ext;
 }
 
 }  // namespace orvel

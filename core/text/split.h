@@ -1,6 +1,7 @@
 // Splitting and trimming of plain text.
 #pragma once
 
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -11,5 +12,12 @@ std::vector<std::string_view> split(std::string_view text, char separator);
 
 // The text without leading and trailing blanks (space, tab, CR, LF).
 std::string_view trim(std::string_view text);
+
+// What follows the last "/" of a path (the whole text when there is none).
+std::string_view lastPathComponent(std::string_view path);
+
+// The lower-cased ASCII extension of a path's file name, without the dot;
+// empty when the name has none or only a leading dot.
+std::string extensionOf(std::string_view path);
 
 }  // namespace orvel
