@@ -90,7 +90,10 @@ void Journal::ensureSchema() const {
       "entity_id INTEGER NOT NULL, field TEXT NOT NULL, old_value TEXT, new_value TEXT, "
       "at INTEGER NOT NULL, undone INTEGER NOT NULL DEFAULT 0);"
       "CREATE INDEX IF NOT EXISTS idx_history_op ON history(op_id);"
-      "CREATE INDEX IF NOT EXISTS idx_history_at ON history(at DESC);");
+      "CREATE INDEX IF NOT EXISTS idx_history_at ON history(at DESC);"
+      // Which row ids the history knows, so a reused id can be told apart.
+      "CREATE INDEX IF NOT EXISTS idx_history_rows ON history(entity, entity_id) "
+      "WHERE field = '@row';");
 }
 
 std::string Journal::slug(std::string_view opName) {
@@ -189,8 +192,8 @@ std::optional<std::string> Journal::rowJSON(const std::string& table, int64_t id
 
 std::string Journal::membersJSON(int64_t playlistId) const {
   json members = json::array();
-  Statement st =
-      conn_.prepare("SELECT track_id FROM playlist_tracks WHERE playlist_id = ? ORDER BY position");
+  Statement st = conn_.prepare(
+      "SELECT track_id FROM playlist_tracks WHERE playlist_id = ? ORDER BY position, rowid");
   st.bind(1, playlistId);
   while (st.step()) members.push_back(st.int64(0));
   return members.dump();

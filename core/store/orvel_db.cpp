@@ -1,6 +1,8 @@
 #include "core/store/orvel_db.h"
 
+#include <algorithm>
 #include <cctype>
+#include <filesystem>
 
 #include "core/text/path_norm.h"
 
@@ -30,9 +32,16 @@ bool isBlank(const char* s) {
   return true;
 }
 
+std::filesystem::path snapshotsBeside(const std::string& dbPath) {
+  std::error_code ec;
+  const auto absolute = std::filesystem::absolute(dbPath, ec);
+  return (ec ? std::filesystem::path(dbPath) : absolute).parent_path() / "Snapshots";
+}
+
 }  // namespace
 
-OrvelDB::OrvelDB(const std::string& path) : path_(path), conn_(path), journal_(conn_) {
+OrvelDB::OrvelDB(const std::string& path)
+    : path_(path), conn_(path), journal_(conn_), snapshots_(conn_, snapshotsBeside(path)) {
   // A window and a command line may hold the same catalogue; wait for the
   // other writer instead of failing at once.
   sqlite3_busy_timeout(conn_.handle(), 5000);
@@ -46,6 +55,7 @@ OrvelDB::OrvelDB(const std::string& path) : path_(path), conn_(path), journal_(c
   journal_.ensureSchema();
   ensureReleaseSchema();
   ensureTagSchema();
+  ensureSmartSchema();
 }
 
 OrvelDB::~OrvelDB() = default;
@@ -53,6 +63,18 @@ OrvelDB::~OrvelDB() = default;
 void OrvelDB::registerFunctions() {
   sqlite3_create_function_v2(conn_.handle(), "orvel_norm", -1, SQLITE_UTF8 | SQLITE_DETERMINISTIC,
                              nullptr, orvelNormSql, nullptr, nullptr, nullptr);
+}
+
+int64_t OrvelDB::freshRowId(std::string_view table, int64_t id) {
+  Statement known =
+      conn_.prepare("SELECT MAX(entity_id) FROM history WHERE entity = ? AND field = '@row'");
+  known.bind(1, table);
+  if (!known.step() || known.isNull(0) || known.int64(0) < id) return id;
+  const std::string name(table);
+  const int64_t next =
+      std::max(known.int64(0), conn_.scalarInt("SELECT MAX(id) FROM " + name).value_or(0)) + 1;
+  Statement move = conn_.prepare("UPDATE " + name + " SET id = ? WHERE id = ?");
+  return move.bind(1, next).bind(2, id).stepCode() == SQLITE_DONE ? next : id;
 }
 
 std::string OrvelDB::normalizePath(std::string_view path) {

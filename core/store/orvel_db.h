@@ -7,7 +7,8 @@
 // The operations are implemented by area: orvel_db.cpp (opening, statements,
 // backup), schema.cpp (the upgrade), tracks.cpp (adding, loading, editing),
 // track_data.cpp (plays, fingerprints, options, release fields, tags, lookups),
-// relink.cpp (merging and relinking moved files).
+// relink.cpp (merging and relinking moved files), playlists.cpp (the tree and
+// its members), cues.cpp (cues, loops, beat grids), smart_playlists.cpp.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +22,11 @@
 #include <vector>
 
 #include "core/store/connection.h"
+#include "core/store/crate_node.h"
+#include "core/store/cue_row.h"
 #include "core/store/journal.h"
+#include "core/store/smart_rules.h"
+#include "core/store/snapshots.h"
 #include "core/store/track_row.h"
 
 namespace orvel {
@@ -48,6 +53,17 @@ struct RelinkStats {
   int64_t unmatched = 0;   // no candidate
   int64_t linksMoved = 0;  // playlist links moved to the surviving rows
   int64_t offline = 0;     // on a drive that is not mounted: left alone, not counted dead
+  // Applying: the snapshot taken first. Without one nothing was applied.
+  std::optional<std::string> snapshot;
+  bool refused = false;  // applying, but no snapshot could be taken
+};
+
+// A smart playlist saved from the editor or the command line.
+struct SmartSaveResult {
+  std::optional<int64_t> playlistId;  // none: refused, see error
+  int64_t trackCount = 0;
+  std::string opId;
+  std::string error;
 };
 
 struct PurgeRow {
@@ -90,6 +106,9 @@ class OrvelDB {
   sqlite3* handle() const { return conn_.handle(); }
   Journal& journal() { return journal_; }
   const Journal& journal() const { return journal_; }
+  // Kept in "Snapshots" beside the catalogue, so a second catalogue opened
+  // with --db never prunes the snapshots of the usual one.
+  Snapshots& snapshots() { return snapshots_; }
 
   // Called after field writes so an in-memory model can patch its rows.
   FieldWritten onFieldWritten;
@@ -205,7 +224,114 @@ class OrvelDB {
   std::vector<std::pair<std::string, int64_t>> allTagCounts() const;
   std::vector<int64_t> idsWithArtwork() const;
 
+  // ---- the playlist tree (playlists.cpp) --------------------------------
+  // Journaled edits return their op id; none means nothing was changed.
+  // A playlist of this program, at the top or under `parent`.
+  std::optional<int64_t> create(const std::string& name, std::optional<int64_t> parent,
+                                std::string_view kind = "playlist");
+  std::optional<int64_t> newProject(const std::string& name);
+  std::optional<int64_t> newRelease(const std::string& name);
+  std::vector<PlaylistEntry> projects() const;
+  std::vector<PlaylistEntry> releases() const;
+  std::optional<PlaylistEntry> studioProject(int64_t trackId) const;
+  std::optional<std::string> renamePlaylist(int64_t id, const std::string& name);
+  std::optional<std::string> setPlaylistColor(int64_t id, const std::optional<std::string>& color);
+  std::map<int64_t, std::string> playlistColors() const;
+  // Refused (none) for a move under the node itself or one of its descendants.
+  std::optional<std::string> setPlaylistParent(int64_t id, std::optional<int64_t> parent);
+  bool isDescendant(int64_t node, int64_t ancestor) const;
+  // Deletes the node, its whole subtree and their members in one operation.
+  std::optional<std::string> deletePlaylist(int64_t id);
+  std::vector<int64_t> childPlaylistIds(int64_t id) const;
+  // Every node with its id, name and source; this program's own first.
+  std::vector<PlaylistEntry> writablePlaylists() const;
+  std::vector<PlaylistEntry> orvelPlaylists();
+  // Crates with 1 to `maxTracks` members.
+  std::vector<PlaylistEntry> playlistsForDJExport(int64_t maxTracks) const;
+  std::vector<PlaylistEntry> playlistsContaining(int64_t trackId) const;
+  // "Sets / 2026 / Warm-up": the names from the top down joined by " / ".
+  std::optional<int64_t> playlistByPath(const std::string& path) const;
+  std::optional<PlaylistEntry> playlist(int64_t id) const;
+  std::string playlistKind(int64_t id) const;
+  // The names from the top down to the node, joined by " / ".
+  std::string playlistPath(int64_t id) const;
+  // The whole tree, top-level nodes and children ordered by name.
+  std::vector<CrateNode> crateTree() const;
+  // The node and every node below it, the node first.
+  std::vector<int64_t> subtreeIds(int64_t id) const;
+
+  // ---- members (playlists.cpp) ------------------------------------------
+  std::vector<int64_t> orderedTrackIds(int64_t playlistId) const;
+  // Appends the tracks not yet in the playlist, in the given order.
+  std::optional<std::string> addToPlaylist(std::span<const int64_t> ids, int64_t playlistId);
+  std::optional<std::string> removeFromPlaylist(std::span<const int64_t> ids, int64_t playlistId);
+  // The members become exactly `ids`, in that order.
+  std::optional<std::string> reorderPlaylist(int64_t playlistId, std::span<const int64_t> ids);
+  // The same replacement, unjournaled: for members computed by the program.
+  bool replacePlaylistTracks(int64_t playlistId, std::span<const int64_t> ids);
+  bool setPlaylistTracks(int64_t playlistId, std::span<const int64_t> ids) {
+    return replacePlaylistTracks(playlistId, ids);
+  }
+  std::vector<std::string> playlistPaths(int64_t playlistId) const;
+  int64_t playlistRowCount(int64_t playlistId) const;
+
+  // ---- cues, loops and beat grids (cues.cpp) ----------------------------
+  // The track's cues and loops: user slots, automatic pair, imported ones.
+  std::vector<CueRow> cues(int64_t trackId) const;
+  std::optional<CueRow> cue(int64_t cueId) const;
+  // The lowest free slot of eight; none when all are taken.
+  std::optional<CueEdit> addManualCue(int64_t trackId, double positionMs);
+  std::optional<CueEdit> addManualLoop(int64_t trackId, double startMs, double lengthMs);
+  // Replaces the cue in `slot` (0–7); a higher slot is refused.
+  std::optional<std::string> setCue(int64_t trackId, int slot, double positionMs);
+  std::optional<std::string> moveCue(int64_t cueId, double positionMs);
+  std::optional<std::string> setLoopBounds(int64_t cueId, double startMs, double lengthMs);
+  std::optional<std::string> deleteCue(int64_t cueId);
+  std::vector<int64_t> autoCueIds(int64_t trackId) const;
+  // The analyser's in and out cues, replacing its earlier pair only.
+  std::optional<std::string> replaceAutoCues(int64_t trackId, double inMs, double outMs);
+  // Cues and the beat grid one source (Serato) keeps for a track, replaced
+  // whole; the user's own cues and other sources' are left alone.
+  bool replaceSourceCues(int64_t trackId, int64_t sourceId, std::span<const CueRow> cues,
+                         std::span<const BeatAnchor> grid);
+  std::vector<BeatAnchor> beatGrid(int64_t trackId, std::optional<int64_t> sourceId) const;
+
+  // ---- smart playlists (smart_playlists.cpp) ----------------------------
+  // Track ids in the order the statement returns them; empty on SQL errors.
+  std::vector<int64_t> smartQueryIds(const SmartPlaylist& playlist) const;
+  bool saveSmartRules(int64_t playlistId, const SmartPlaylist& playlist);
+  std::optional<SmartPlaylist> loadSmartRules(int64_t playlistId) const;
+  // Every smart playlist and whether it updates live.
+  std::map<int64_t, bool> smartPlaylists() const;
+  // Validates, evaluates, creates (no `existing`) or updates the playlist,
+  // stores its members and rules, as one undoable operation.
+  SmartSaveResult saveSmartPlaylist(const SmartPlaylist& playlist,
+                                    std::optional<int64_t> existing = std::nullopt);
+  // A live smart playlist evaluated now, its stored members updated to match;
+  // none for a playlist that is not live or whose rules do not load.
+  std::optional<std::vector<int64_t>> refreshSmartPlaylist(int64_t playlistId);
+
+  // ---- snapshots ----------------------------------------------------------
+  // Before a bulk destructive change: a snapshot unless one is under a
+  // minute old. False only when one was needed and could not be written.
+  bool snapshotBefore(const std::string& reason);
+
  private:
+  std::optional<int64_t> insertPlaylist(const std::string& name, std::optional<int64_t> parent,
+                                        std::string_view kind, int64_t sourceId);
+  std::optional<int64_t> newSourceNode(const std::string& name, int64_t sourceId,
+                                       const std::string& opName);
+  std::optional<std::string> journaledMembers(int64_t playlistId, const std::string& opName,
+                                              const std::function<bool()>& edit);
+  bool insertMembers(int64_t playlistId, std::span<const int64_t> ids, int64_t firstPosition);
+  std::optional<CueEdit> addInFreeSlot(int64_t trackId, std::string_view kind, double positionMs,
+                                       std::optional<double> lengthMs);
+  void ensureSmartSchema() const;
+  // A row just inserted into `table` (cues, playlists) whose id the history
+  // already knows (a deleted row's id, reused by SQLite) gets a new id, so
+  // undoing that deletion can never overwrite it. Returns the row's id.
+  int64_t freshRowId(std::string_view table, int64_t id);
+
   void notifyFieldWritten(const std::string& field, const std::optional<std::string>& value,
                           std::span<const int64_t> ids) const;
   void registerFunctions();
@@ -214,6 +340,7 @@ class OrvelDB {
   std::string lastError_;
   Connection conn_;
   Journal journal_;
+  Snapshots snapshots_;
 };
 
 }  // namespace orvel

@@ -1,0 +1,143 @@
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+
+#include "core/testing/store_fixture.h"
+
+namespace orvel {
+namespace {
+
+using ::testing::ElementsAre;
+
+CueRow imported(int index, double positionMs, std::string name, std::string color = "") {
+  CueRow c;
+  c.index = index;
+  c.positionMs = positionMs;
+  c.name = std::move(name);
+  c.color = std::move(color);
+  return c;
+}
+
+class CuesTest : public testing::StoreTest {
+ protected:
+  void SetUp() override { track_ = add("/m/a.mp3"); }
+  // "kind idx @ms name" for each cue of the track, in listing order.
+  std::vector<std::string> summary() {
+    std::vector<std::string> out;
+    for (const CueRow& c : db().cues(track_))
+      out.push_back(fmt::format("{} {} @{} {}", c.kind, c.index, c.positionMs, c.name));
+    return out;
+  }
+  int64_t track_ = 0;
+};
+
+TEST_F(CuesTest, ManualCuesAndLoopsFillTheLowestFreeSlotUpToEight) {
+  for (int i = 0; i < 8; ++i) {
+    const auto edit = db().addManualCue(track_, 1000.0 * i);
+    ASSERT_TRUE(edit);
+    EXPECT_EQ(edit->slot, i);
+  }
+  EXPECT_FALSE(db().addManualCue(track_, 9000));
+  const int64_t ops = static_cast<int64_t>(db().journal().operations(100).size());
+
+  // Freeing slot 2 makes it the next one taken; loops count separately.
+  const auto third = db().cues(track_)[2];
+  ASSERT_TRUE(db().deleteCue(third.id));
+  EXPECT_EQ(db().addManualCue(track_, 5)->slot, 2);
+  const auto loop = db().addManualLoop(track_, 4000, 2000);
+  ASSERT_TRUE(loop);
+  EXPECT_EQ(loop->slot, 0);
+  const auto row = db().cue(loop->cueId);
+  EXPECT_EQ(row->color, kManualLoopColor);
+  EXPECT_EQ(row->lengthMs, 2000);
+  EXPECT_TRUE(row->name.starts_with("ORVEL "));
+  EXPECT_EQ(db().cues(track_)[0].color, kManualCueColor);
+  EXPECT_EQ(static_cast<int64_t>(db().journal().operations(100).size()), ops + 3);
+
+  // Undoing the loop's creation deletes it; redo brings back the same row.
+  db().journal().undo(loop->opId);
+  EXPECT_FALSE(db().cue(loop->cueId));
+  db().journal().redo(loop->opId);
+  EXPECT_EQ(db().cue(loop->cueId)->positionMs, 4000);
+  EXPECT_FALSE(db().addManualCue(999, 1));
+}
+
+TEST_F(CuesTest, SetCueReplacesItsSlotAndRefusesSlotsAboveSeven) {
+  db().addManualCue(track_, 100);
+  const auto ops = db().journal().operations(100).size();
+  EXPECT_FALSE(db().setCue(track_, 8, 1));
+  EXPECT_FALSE(db().setCue(track_, -1, 1));
+  EXPECT_EQ(db().journal().operations(100).size(), ops);  // no operation opened
+
+  const auto set = db().setCue(track_, 0, 2500.5);
+  ASSERT_TRUE(set);
+  EXPECT_THAT(summary(), ElementsAre("cue 0 @2500.5 ORVEL CUE 1"));
+  db().journal().undo(*set);
+  EXPECT_THAT(summary(), ElementsAre("cue 0 @100 ORVEL CUE 1"));
+  db().journal().redo(*set);
+  EXPECT_THAT(summary(), ElementsAre("cue 0 @2500.5 ORVEL CUE 1"));
+}
+
+TEST_F(CuesTest, MovesAndDeletionUndo) {
+  const auto c = db().addManualCue(track_, 1000);
+  const auto l = db().addManualLoop(track_, 2000, 500);
+  const auto moved = db().moveCue(c->cueId, 1234.25);
+  const auto bounds = db().setLoopBounds(l->cueId, 3000, 750);
+  ASSERT_TRUE(moved && bounds);
+  EXPECT_EQ(db().cue(c->cueId)->positionMs, 1234.25);
+  db().journal().undo(*bounds);
+  EXPECT_EQ(db().cue(l->cueId)->positionMs, 2000);
+  EXPECT_EQ(db().cue(l->cueId)->lengthMs, 500);
+  db().journal().undo(*moved);
+  EXPECT_EQ(db().cue(c->cueId)->positionMs, 1000);
+
+  const auto before = summary();
+  const auto deleted = db().deleteCue(c->cueId);
+  ASSERT_TRUE(deleted);
+  EXPECT_EQ(db().journal().lastUndoable()->opName, "Delete Cue");
+  // A cue added after the deletion could get the deleted cue's id back from
+  // SQLite; undoing the deletion must keep both.
+  const auto fresh = db().addManualCue(track_, 7000);
+  EXPECT_NE(fresh->cueId, c->cueId);
+  db().journal().undo(*deleted);
+  EXPECT_EQ(db().cues(track_).size(), before.size() + 1);
+  EXPECT_EQ(db().cue(c->cueId)->positionMs, 1000);
+  EXPECT_FALSE(db().moveCue(424242, 1));
+}
+
+TEST_F(CuesTest, AutomaticPairIsReplacedAndNothingElseIsTouched) {
+  db().addManualCue(track_, 10);
+  const CueRow serato = imported(1, 20, "DROP", "#CC0000");
+  ASSERT_TRUE(
+      db().replaceSourceCues(track_, 3, std::vector<CueRow>{serato}, std::vector<BeatAnchor>{}));
+  ASSERT_TRUE(db().replaceAutoCues(track_, 500, 180000));
+  const auto again = db().replaceAutoCues(track_, 600, 170000);
+  ASSERT_TRUE(again);
+  EXPECT_THAT(summary(), ElementsAre("cue 0 @10 ORVEL CUE 1", "cue 1 @20 DROP",
+                                     "cue 90 @600 AUTO IN", "cue 91 @170000 AUTO OUT"));
+  EXPECT_EQ(db().autoCueIds(track_).size(), 2u);
+  db().journal().undo(*again);
+  EXPECT_THAT(summary(), ElementsAre("cue 0 @10 ORVEL CUE 1", "cue 1 @20 DROP",
+                                     "cue 90 @500 AUTO IN", "cue 91 @180000 AUTO OUT"));
+}
+
+TEST_F(CuesTest, ImportedCuesAndGridAreReplacedWholePerSource) {
+  db().addManualCue(track_, 10);
+  const std::vector<BeatAnchor> grid{{0, 124}, {60000, 125.5}};
+  std::vector<CueRow> cues(3);
+  for (int i = 0; i < 3; ++i) cues[i] = imported(i, 100.0 * i, "S");
+  ASSERT_TRUE(db().replaceSourceCues(track_, 3, cues, grid));
+  ASSERT_TRUE(db().replaceSourceCues(track_, 4, std::vector<CueRow>{cues[0]}, grid));
+  ASSERT_TRUE(db().replaceSourceCues(track_, 3, std::vector<CueRow>{cues[2]},
+                                     std::vector<BeatAnchor>{{5, 90}}));
+  EXPECT_EQ(db().cues(track_).size(), 3u);  // ours, one of source 4, one of source 3
+  const auto g = db().beatGrid(track_, 3);
+  ASSERT_EQ(g.size(), 1u);
+  EXPECT_EQ(g[0].bpm, 90);
+  EXPECT_EQ(db().beatGrid(track_, 4).size(), 2u);
+  EXPECT_EQ(db().beatGrid(track_, 4)[1].posMs, 60000);
+  ASSERT_TRUE(db().replaceSourceCues(track_, 4, {}, {}));
+  EXPECT_TRUE(db().beatGrid(track_, 4).empty());
+}
+
+}  // namespace
+}  // namespace orvel

@@ -1,0 +1,67 @@
+// Snapshots: complete, compacted copies of the catalogue (VACUUM INTO) taken
+// before risky bulk changes and on the user's command, kept in one folder and
+// trimmed by count and total size.
+//
+// File names: "orvel-<yyyyMMdd-HHmmss local>[-N][--<reason>].db", so they sort
+// by age and the reason reads back from the name. N tells apart snapshots of
+// the same second. A copy is written under a ".partial" name and renamed when
+// complete, so a crash or a full disk never leaves a half copy in the list.
+//
+// Shares the store's connection and adds no lock. VACUUM INTO cannot run
+// inside a transaction: take a snapshot before opening one.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/store/connection.h"
+
+namespace orvel {
+
+class Snapshots {
+ public:
+  struct Snap {
+    std::filesystem::path file;
+    std::string reason;
+    int64_t at = 0;  // Unix seconds, read from the name
+    int64_t bytes = 0;
+    int sequence = 1;  // the N of snapshots taken within one second
+  };
+
+  static constexpr int kKeep = 4;
+  static constexpr int64_t kMaxBytes = 3'000'000'000;
+
+  // No folder: the support folder's "Snapshots".
+  explicit Snapshots(const Connection& conn, std::optional<std::filesystem::path> dir = {});
+
+  const std::filesystem::path& dir() const { return dir_; }
+
+  // Copies the catalogue now, unless the newest snapshot is younger than
+  // `minInterval` seconds. Returns the new file, or none when skipped or
+  // failed (then lastError() says why; it is empty for a skip).
+  std::optional<std::filesystem::path> take(std::string_view reason, int64_t minInterval);
+  const std::string& lastError() const { return lastError_; }
+
+  // The snapshots in the folder, newest first.
+  std::vector<Snap> list() const;
+
+  // Keeps the newest `keep` while their sizes add up to at most `maxBytes`
+  // (the newest always stays) and deletes the rest; deletion errors are ignored.
+  void prune(int keep, int64_t maxBytes) const;
+
+  // The file name for a snapshot, and the reading of one back (none for a
+  // file that is not a snapshot).
+  static std::string fileName(std::string_view reason, int64_t at, int sequence);
+  static std::optional<Snap> parse(const std::filesystem::path& file);
+
+ private:
+  const Connection& conn_;
+  std::filesystem::path dir_;
+  std::string lastError_;
+};
+
+}  // namespace orvel
