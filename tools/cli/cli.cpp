@@ -22,6 +22,9 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
   addEditCommands(app, ctx);
   addHistoryCommands(app, ctx);
   addMaintenanceCommands(app, ctx);
+  addPlaylistCommands(app, ctx);
+  addCueCommands(app, ctx);
+  addSmartCommands(app, ctx);
 
   std::vector<const char*> argv{"orvel"};
   for (const auto& a : args) argv.push_back(a.c_str());

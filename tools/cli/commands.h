@@ -15,11 +15,31 @@ void addInfoCommand(CLI::App& app, Context& ctx);
 void addListCommands(CLI::App& app, Context& ctx);         // ls, show
 void addEditCommands(CLI::App& app, Context& ctx);         // set, rate, love, dislike, rm
 void addHistoryCommands(CLI::App& app, Context& ctx);      // history, undo, redo
-void addMaintenanceCommands(CLI::App& app, Context& ctx);  // backup, relink
+void addMaintenanceCommands(CLI::App& app, Context& ctx);  // backup, relink, snapshot(s)
+void addPlaylistCommands(CLI::App& app, Context& ctx);     // playlist …
+void addCueCommands(CLI::App& app, Context& ctx);          // cue …
+void addSmartCommands(CLI::App& app, Context& ctx);        // smart …
 
 // Fails (changing nothing) unless every id is a live track.
 void requireLiveTracks(Context& ctx, std::span<const int64_t> ids);
 // "1 track" / "3 tracks".
 std::string countOf(size_t n, const std::string& noun);
+// " (undo with: orvel undo OPID)".
+std::string undoHint(const std::string& opId);
+// Fails with the store's reason: "WHAT failed: WHY; nothing was changed".
+[[noreturn]] void failed(Context& ctx, const std::string& what);
+// "2026-11-21 13:05:00" in local time.
+std::string localTime(int64_t unixSeconds);
+// "1:30.500" for 90500 ms.
+std::string clockTime(double ms);
+
+// A playlist by id, by its full path ("Sets / 2026 / Warm-up") or by names
+// separated by '/' ("Sets/2026/Warm-up"); fails when there is none.
+int64_t resolvePlaylist(OrvelDB& db, const std::string& idOrPath);
+// The live tracks among `ids`, in that order.
+std::vector<TrackRow> tracksInOrder(OrvelDB& db, std::span<const int64_t> ids);
+void printTrackTable(std::ostream& out, const std::vector<TrackRow>& rows);
+// One JSON array, a track per line.
+void printTrackJson(std::ostream& out, const std::vector<TrackRow>& rows);
 
 }  // namespace orvel::cli

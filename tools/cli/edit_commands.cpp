@@ -36,9 +36,8 @@ std::string titleCase(std::string s) {
 
 void report(Context& ctx, const std::optional<std::string>& opId, const std::string& what,
             size_t n) {
-  if (!opId)
-    throw CliError(kFailed, what + " failed (" + ctx.db().lastError() + "); nothing was changed");
-  ctx.out << fmt::format("{} on {} (undo with: orvel undo {})\n", what, countOf(n, "track"), *opId);
+  if (!opId) failed(ctx, what);
+  ctx.out << what << " on " << countOf(n, "track") << undoHint(*opId) << '\n';
 }
 
 // A number column only takes a number: text there would sort above every
@@ -79,6 +78,16 @@ void requireLiveTracks(Context& ctx, std::span<const int64_t> ids) {
 
 std::string countOf(size_t n, const std::string& noun) {
   return fmt::format("{} {}{}", n, noun, n == 1 ? "" : "s");
+}
+
+std::string undoHint(const std::string& opId) {
+  return " (undo with: orvel undo " + opId + ")";
+}
+
+void failed(Context& ctx, const std::string& what) {
+  const std::string& why = ctx.db().lastError();
+  throw CliError(kFailed,
+                 what + " failed" + (why.empty() ? "" : ": " + why) + "; nothing was changed");
 }
 
 void addEditCommands(CLI::App& app, Context& ctx) {

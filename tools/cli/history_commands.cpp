@@ -12,15 +12,6 @@ namespace {
 
 using nlohmann::json;
 
-std::string localTime(int64_t unixSeconds) {
-  const std::time_t t = unixSeconds;
-  std::tm tm{};
-  localtime_r(&t, &tm);
-  char buf[32];
-  std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
-  return buf;
-}
-
 // The operation to act on: the one named, or the default the window's menu
 // command would pick.
 Journal::Operation pick(Context& ctx, const std::string& opId, bool undoing) {
@@ -50,6 +41,15 @@ void undoOrRedo(Context& ctx, const std::string& opId, bool undoing) {
 }
 
 }  // namespace
+
+std::string localTime(int64_t unixSeconds) {
+  const std::time_t t = unixSeconds;
+  std::tm tm{};
+  localtime_r(&t, &tm);
+  char buf[32];
+  std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
+  return buf;
+}
 
 void addHistoryCommands(CLI::App& app, Context& ctx) {
   auto limit = std::make_shared<int>(50);

@@ -25,30 +25,6 @@ struct ListOptions {
   bool json = false;
 };
 
-// A playlist by id, or by its path of names from the top ("Sets/2026/Warm-up").
-int64_t resolvePlaylist(OrvelDB& db, const std::string& idOrPath) {
-  // A number is an id when such a playlist exists; otherwise it is a name
-  // (a crate called "2024").
-  int64_t id = 0;
-  const char* end = idOrPath.data() + idOrPath.size();
-  if (const auto [at, ec] = std::from_chars(idOrPath.data(), end, id);
-      ec == std::errc() && at == end &&
-      db.scalarInt("SELECT COUNT(*) FROM playlists WHERE id = " + std::to_string(id)) == 1)
-    return id;
-  std::optional<int64_t> parent;
-  for (std::string_view name : split(idOrPath, '/')) {
-    if (name.empty()) continue;
-    Statement st = db.prepare(
-        "SELECT id FROM playlists WHERE name = ? AND parent_id IS ? ORDER BY sort_order, id "
-        "LIMIT 1");
-    st.bind(1, name).bind(2, parent);
-    if (!st.step()) throw CliError(kFailed, "no playlist named " + idOrPath);
-    parent = st.int64(0);
-  }
-  if (!parent) throw CliError(kBadUsage, "name a playlist by id or path");
-  return *parent;
-}
-
 std::vector<TrackRow> listTracks(OrvelDB& db, const ListOptions& o) {
   // The plain newest-first listing can stop at the limit inside the query.
   const bool whole = !o.playlist.empty() || !o.search.empty() || !o.sort.empty();
@@ -56,14 +32,13 @@ std::vector<TrackRow> listTracks(OrvelDB& db, const ListOptions& o) {
       db.loadAllTracks(!whole && o.limit > 0 ? std::optional<int64_t>(o.limit) : std::nullopt);
   if (!o.playlist.empty()) {
     const int64_t id = resolvePlaylist(db, o.playlist);
+    // A live smart playlist is evaluated now, as opening it in the window would.
+    const auto ids = db.refreshSmartPlaylist(id).value_or(db.orderedTrackIds(id));
     std::unordered_map<int64_t, size_t> byId;
     for (size_t i = 0; i < rows.size(); ++i) byId.emplace(rows[i].id, i);
     std::vector<TrackRow> members;
-    Statement st = db.prepare(
-        "SELECT track_id FROM playlist_tracks WHERE playlist_id=? ORDER BY position, rowid");
-    st.bind(1, id);
-    while (st.step())
-      if (auto it = byId.find(st.int64(0)); it != byId.end()) members.push_back(rows[it->second]);
+    for (int64_t member : ids)
+      if (auto it = byId.find(member); it != byId.end()) members.push_back(rows[it->second]);
     rows = std::move(members);
   }
   if (!o.search.empty()) {
@@ -82,38 +57,18 @@ std::vector<TrackRow> listTracks(OrvelDB& db, const ListOptions& o) {
   return rows;
 }
 
-void printTrackTable(std::ostream& out, const std::vector<TrackRow>& rows) {
-  Table table({{"ID", 10, true},
-               {"ARTIST", 28},
-               {"TITLE", 40},
-               {"BPM", 6, true},
-               {"KEY", 4},
-               {"TIME", 8, true},
-               {"RATING", 6},
-               {"GENRE", 18}});
-  for (const auto& r : rows)
-    table.add({std::to_string(r.id), r.artist, r.title, r.bpmText(), r.key, r.durationText(),
-               r.ratingText(), r.genre});
-  table.print(out);
-}
-
 json cuesOf(OrvelDB& db, int64_t id) {
   json cues = json::array();
-  Statement st = db.prepare(
-      "SELECT id, source_id, bank, idx, position_ms, length_ms, color, name, kind FROM cues "
-      "WHERE track_id = ? ORDER BY kind, idx, position_ms");
-  st.bind(1, id);
-  while (st.step()) {
-    cues.push_back({{"id", st.int64(0)},
-                    {"sourceId", st.isNull(1) ? json(nullptr) : json(st.int64(1))},
-                    {"bank", st.text(2)},
-                    {"index", st.int64(3)},
-                    {"positionMs", st.real(4)},
-                    {"lengthMs", st.isNull(5) ? json(nullptr) : json(st.real(5))},
-                    {"color", st.text(6)},
-                    {"name", st.text(7)},
-                    {"kind", st.text(8)}});
-  }
+  for (const CueRow& c : db.cues(id))
+    cues.push_back({{"id", c.id},
+                    {"sourceId", c.sourceId ? json(*c.sourceId) : json(nullptr)},
+                    {"bank", c.bank},
+                    {"index", c.index},
+                    {"positionMs", c.positionMs},
+                    {"lengthMs", c.lengthMs ? json(*c.lengthMs) : json(nullptr)},
+                    {"color", c.color},
+                    {"name", c.name},
+                    {"kind", c.kind}});
   return cues;
 }
 
@@ -194,9 +149,8 @@ void show(Context& ctx, int64_t id, bool asJson) {
   for (const auto& c : j["cues"]) {
     const double ms = c["positionMs"].get<double>();
     out << fmt::format(
-        "  {:<10} {} {} at {}:{:06.3f}{}\n", c["kind"].get<std::string>(),
-        c["bank"].get<std::string>(), c["index"].get<int64_t>(), static_cast<int64_t>(ms / 60000),
-        std::fmod(ms / 1000, 60.0),
+        "  {:<10} {} {} at {}{}\n", c["kind"].get<std::string>(), c["bank"].get<std::string>(),
+        c["index"].get<int64_t>(), clockTime(ms),
         c["name"].get<std::string>().empty() ? "" : "  " + c["name"].get<std::string>());
   }
   for (const auto& g : j["beatgrids"])
@@ -205,6 +159,29 @@ void show(Context& ctx, int64_t id, bool asJson) {
 }
 
 }  // namespace
+
+void printTrackTable(std::ostream& out, const std::vector<TrackRow>& rows) {
+  Table table({{"ID", 10, true},
+               {"ARTIST", 28},
+               {"TITLE", 40},
+               {"BPM", 6, true},
+               {"KEY", 4},
+               {"TIME", 8, true},
+               {"RATING", 6},
+               {"GENRE", 18}});
+  for (const auto& r : rows)
+    table.add({std::to_string(r.id), r.artist, r.title, r.bpmText(), r.key, r.durationText(),
+               r.ratingText(), r.genre});
+  table.print(out);
+}
+
+void printTrackJson(std::ostream& out, const std::vector<TrackRow>& rows) {
+  // One array, a track per line: streamed, so a whole library does not have
+  // to exist twice in memory as JSON.
+  out << "[";
+  for (size_t i = 0; i < rows.size(); ++i) out << (i ? ",\n" : "\n") << toJson(rows[i]).dump();
+  out << "\n]\n";
+}
 
 void addListCommands(CLI::App& app, Context& ctx) {
   auto opts = std::make_shared<ListOptions>();
@@ -219,16 +196,10 @@ void addListCommands(CLI::App& app, Context& ctx) {
   ls->add_flag("--json", opts->json, "One JSON array of tracks on stdout");
   ls->callback([&ctx, opts] {
     const auto rows = listTracks(ctx.db(), *opts);
-    if (opts->json) {
-      // One array, a track per line: streamed, so a whole library does not
-      // have to exist twice in memory as JSON.
-      ctx.out << "[";
-      for (size_t i = 0; i < rows.size(); ++i)
-        ctx.out << (i ? ",\n" : "\n") << toJson(rows[i]).dump();
-      ctx.out << "\n]\n";
-      return;
-    }
-    printTrackTable(ctx.out, rows);
+    if (opts->json)
+      printTrackJson(ctx.out, rows);
+    else
+      printTrackTable(ctx.out, rows);
   });
 
   auto id = std::make_shared<int64_t>(0);

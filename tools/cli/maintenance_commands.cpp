@@ -1,4 +1,4 @@
-// orvel info, backup, relink.
+// orvel info, backup, snapshot, snapshots, relink.
 #include <fmt/format.h>
 
 #include <filesystem>
@@ -7,6 +7,7 @@
 #include "app/app_paths.h"
 #include "core/store/locations.h"
 #include "tools/cli/commands.h"
+#include "tools/cli/table.h"
 
 namespace orvel::cli {
 namespace {
@@ -28,7 +29,7 @@ json infoJson(Context& ctx) {
         {"support", locations::supportDir().string()},
         {"log", locations::logFile().string()},
         {"backups", locations::backupsDir().string()},
-        {"snapshots", locations::snapshotsDir().string()}}},
+        {"snapshots", db.snapshots().dir().string()}}},
       {"schema",
        {{"userVersion", db.userVersion()},
         {"uniquePathIndex", db.hasIndex("idx_tracks_path_norm_unique")},
@@ -57,6 +58,7 @@ void printInfo(std::ostream& out, const json& j) {
   out << fmt::format("support     {}\n", p["support"].get<std::string>());
   out << fmt::format("log         {}\n", p["log"].get<std::string>());
   out << fmt::format("backups     {}\n", p["backups"].get<std::string>());
+  out << fmt::format("snapshots   {}\n", p["snapshots"].get<std::string>());
   std::string schema = fmt::format("user_version {}", s["userVersion"].get<int64_t>());
   if (s["uniquePathIndex"].get<bool>()) {
     schema += " · one live track per file";
@@ -102,6 +104,44 @@ void addMaintenanceCommands(CLI::App& app, Context& ctx) {
     ctx.out << "backed up to " << file->string() << '\n';
   });
 
+  auto reason = std::make_shared<std::string>();
+  CLI::App* snapshot = app.add_subcommand(
+      "snapshot", "Save a compacted copy of the whole catalogue (the newest 4 are kept)");
+  snapshot->add_option("REASON", *reason, "A note kept in the snapshot's name");
+  snapshot->callback([&ctx, reason] {
+    Snapshots& snaps = ctx.db().snapshots();
+    const auto file = snaps.take(*reason, 0);
+    if (!file)
+      throw CliError(
+          kFailed, "no snapshot was taken: " + snaps.lastError() + "; the catalogue is unchanged");
+    ctx.out << "Library snapshot saved: " << file->string() << '\n';
+  });
+
+  auto listJson = std::make_shared<bool>(false);
+  CLI::App* snapshots = app.add_subcommand("snapshots", "The catalogue's snapshots, newest first");
+  snapshots->add_flag("--json", *listJson, "One JSON array on stdout");
+  snapshots->callback([&ctx, listJson] {
+    const Snapshots& snaps = ctx.db().snapshots();
+    const auto list = snaps.list();
+    if (*listJson) {
+      json arr = json::array();
+      for (const auto& s : list)
+        arr.push_back(
+            {{"file", s.file.string()}, {"reason", s.reason}, {"at", s.at}, {"bytes", s.bytes}});
+      ctx.out << arr.dump(2) << '\n';
+      return;
+    }
+    if (list.empty()) {
+      ctx.out << "No snapshots yet in " << snaps.dir().string() << " (orvel snapshot [REASON])\n";
+      return;
+    }
+    Table table({{"WHEN", 19}, {"SIZE", 9, true}, {"REASON", 40}, {"FILE", 80}});
+    for (const auto& s : list)
+      table.add({localTime(s.at), fmt::format("{:.1f} MB", static_cast<double>(s.bytes) / 1e6),
+                 s.reason, s.file.string()});
+    table.print(ctx.out);
+  });
+
   auto apply = std::make_shared<bool>(false);
   auto asJson = std::make_shared<bool>(false);
   CLI::App* relink = app.add_subcommand(
@@ -111,19 +151,22 @@ void addMaintenanceCommands(CLI::App& app, Context& ctx) {
   relink->add_flag("--json", *asJson, "One JSON object on stdout");
   relink->callback([&ctx, apply, asJson] {
     OrvelDB& db = ctx.db();
-    if (*apply) {
-      // Merges cannot be undone from the history; keep the way back.
-      const auto copy = app::AppPaths::backupDatabaseNow(ctx.dbPath(), 10);
-      if (!copy)
-        throw CliError(kFailed, "could not back up the catalogue first; nothing was changed");
-      ctx.err << "backed up to " << copy->string() << " first\n";
-    }
     const RelinkStats s = db.relink(*apply);
+    // Merges cannot be undone from the history; the store will not apply
+    // them without a snapshot to go back to.
+    if (s.refused)
+      throw CliError(
+          kFailed, "could not take a snapshot first (" + db.lastError() + "); nothing was changed");
+    if (s.snapshot) ctx.err << "snapshot to go back to: " << *s.snapshot << '\n';
     if (*asJson) {
-      ctx.out << json{{"applied", *apply},        {"dead", s.dead},
-                      {"relinked", s.relinked},   {"ambiguous", s.ambiguous},
-                      {"unmatched", s.unmatched}, {"linksMoved", s.linksMoved},
-                      {"offline", s.offline}}
+      ctx.out << json{{"applied", *apply},
+                      {"dead", s.dead},
+                      {"relinked", s.relinked},
+                      {"ambiguous", s.ambiguous},
+                      {"unmatched", s.unmatched},
+                      {"linksMoved", s.linksMoved},
+                      {"offline", s.offline},
+                      {"snapshot", s.snapshot ? json(*s.snapshot) : json(nullptr)}}
                      .dump(2)
               << '\n';
       return;
