@@ -5,6 +5,7 @@
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <optional>
@@ -158,6 +159,64 @@ void BM_SetFieldJournaled5000(benchmark::State& state) {
   }
 }
 
+// ---- smart playlists and crates --------------------------------------------
+
+// What every query over the library pays at least: stepping every id.
+void BM_SelectIdsBare(benchmark::State& state) {
+  OrvelDB& db = *library().db;
+  for (auto _ : state) {
+    Statement st = db.prepare("SELECT id FROM tracks");
+    int64_t sum = 0;
+    while (st.step()) sum += st.int64(0);
+    benchmark::DoNotOptimize(sum);
+  }
+}
+
+void runSmart(benchmark::State& state, const SmartPlaylist& p) {
+  OrvelDB& db = *library().db;
+  size_t found = 0;
+  for (auto _ : state) {
+    const auto ids = db.smartQueryIds(p);
+    found = ids.size();
+    benchmark::DoNotOptimize(ids.data());
+  }
+  if (found == 0) state.SkipWithError("the rules matched nothing");
+  state.counters["matches"] = static_cast<double>(found);
+}
+
+void BM_SmartQueryThreeRules(benchmark::State& state) {
+  SmartPlaylist p;
+  p.rules = {SmartRule::make("genre", "contains", "house"), SmartRule::make("bpm", "gt", "118"),
+             SmartRule::make("rating", "gt", "40")};
+  p.limitBy = "added";
+  runSmart(state, p);
+}
+
+void BM_SmartQueryRandomLimit(benchmark::State& state) {
+  SmartPlaylist p;
+  p.rules = {SmartRule::make("artist", "contains", "a")};
+  p.limitEnabled = true;
+  p.limitCount = 25;
+  p.limitBy = "random";
+  runSmart(state, p);
+}
+
+void BM_ReorderPlaylist2000(benchmark::State& state) {
+  OrvelDB& db = *library().db;
+  static const int64_t crate = [&] {
+    const auto id = db.create("Bench crate", std::nullopt, "crate").value_or(0);
+    const auto& all = library().ids;
+    db.addToPlaylist(std::span<const int64_t>(all.data(), 2000), id);
+    return id;
+  }();
+  std::vector<int64_t> order = db.orderedTrackIds(crate);
+  for (auto _ : state) {
+    std::reverse(order.begin(), order.end());
+    if (!db.reorderPlaylist(crate, order)) state.SkipWithError("reorder refused");
+  }
+  if (db.orderedTrackIds(crate) != order) state.SkipWithError("wrong order");
+}
+
 // Loading is measured three times each and compared by medians: on a shared
 // two-core machine single runs of the pair wander by ±10 %.
 BENCHMARK(BM_LaunchQueryBareLoop)->Unit(benchmark::kMillisecond)->MinTime(1.0)->Repetitions(3);
@@ -166,6 +225,10 @@ BENCHMARK(BM_InsertBare10k)->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK(BM_InsertImported10k)->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK(BM_UpdateBare5000)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_SetFieldJournaled5000)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_SelectIdsBare)->Unit(benchmark::kMillisecond)->MinTime(1.0)->Repetitions(3);
+BENCHMARK(BM_SmartQueryThreeRules)->Unit(benchmark::kMillisecond)->MinTime(1.0)->Repetitions(3);
+BENCHMARK(BM_SmartQueryRandomLimit)->Unit(benchmark::kMillisecond)->MinTime(1.0)->Repetitions(3);
+BENCHMARK(BM_ReorderPlaylist2000)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 
 // NOLINTEND(readability-identifier-naming)
 
@@ -218,6 +281,12 @@ int main(int argc, char** argv) {
         "BM_InsertBare10k", 0);
   ratio("journaled setField on 5,000 ids / bare UPDATE", "BM_SetFieldJournaled5000",
         "BM_UpdateBare5000", 0);
+  ratio("smartQueryIds, 3 rules over 100,000 / bare SELECT id", "BM_SmartQueryThreeRules",
+        "BM_SelectIdsBare", 0);
+  ratio("smartQueryIds, random limit 25 / bare SELECT id", "BM_SmartQueryRandomLimit",
+        "BM_SelectIdsBare", 0);
+  ratio("reorderPlaylist, 2,000-track crate / bare SELECT id", "BM_ReorderPlaylist2000",
+        "BM_SelectIdsBare", 0);
   benchmark::Shutdown();
   return 0;
 }

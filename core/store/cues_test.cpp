@@ -90,17 +90,18 @@ TEST_F(CuesTest, MovesAndDeletionUndo) {
   db().journal().undo(*moved);
   EXPECT_EQ(db().cue(c->cueId)->positionMs, 1000);
 
-  const auto before = summary();
-  const auto deleted = db().deleteCue(c->cueId);
+  // The newest cue deleted, then a new one made: SQLite would hand it the
+  // deleted cue's id and slot. Undoing the deletion keeps both, in two slots.
+  const auto last = db().addManualCue(track_, 5000);
+  const auto deleted = db().deleteCue(last->cueId);
   ASSERT_TRUE(deleted);
   EXPECT_EQ(db().journal().lastUndoable()->opName, "Delete Cue");
-  // A cue added after the deletion could get the deleted cue's id back from
-  // SQLite; undoing the deletion must keep both.
   const auto fresh = db().addManualCue(track_, 7000);
-  EXPECT_NE(fresh->cueId, c->cueId);
+  EXPECT_NE(fresh->cueId, last->cueId);
+  EXPECT_EQ(fresh->slot, last->slot);
   db().journal().undo(*deleted);
-  EXPECT_EQ(db().cues(track_).size(), before.size() + 1);
-  EXPECT_EQ(db().cue(c->cueId)->positionMs, 1000);
+  EXPECT_THAT(summary(), ElementsAre("cue 0 @1000 ORVEL CUE 1", "cue 1 @7000 ORVEL CUE 2",
+                                     "cue 2 @5000 ORVEL CUE 2", "loop 0 @2000 ORVEL LOOP 1"));
   EXPECT_FALSE(db().moveCue(424242, 1));
 }
 

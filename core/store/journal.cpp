@@ -10,6 +10,9 @@
 #include <nlohmann/json.hpp>
 #include <random>
 #include <set>
+#include <span>
+
+#include "core/text/path_norm.h"
 
 namespace orvel {
 namespace {
@@ -29,6 +32,26 @@ bool validIdentifier(std::string_view s) {
                      [](unsigned char c) { return std::isalnum(c) || c == '_'; });
 }
 
+std::string hexOf(std::span<const uint8_t> bytes) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string hex;
+  for (uint8_t b : bytes) {
+    hex += kHex[b >> 4];
+    hex += kHex[b & 15];
+  }
+  return hex;
+}
+
+std::vector<uint8_t> bytesOf(const std::string& hex) {
+  std::vector<uint8_t> bytes;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+    uint8_t b = 0;
+    const auto [end, ec] = std::from_chars(hex.data() + i, hex.data() + i + 2, b, 16);
+    if (ec == std::errc() && end == hex.data() + i + 2) bytes.push_back(b);  // skip damage
+  }
+  return bytes;
+}
+
 json columnValue(const Statement& st, int col) {
   switch (sqlite3_column_type(st.get(), col)) {
     case SQLITE_INTEGER:
@@ -37,19 +60,18 @@ json columnValue(const Statement& st, int col) {
       return st.real(col);
     case SQLITE_NULL:
       return nullptr;
-    case SQLITE_BLOB: {
+    case SQLITE_BLOB:
       // Blobs travel as {"hex": "…"}; no journaled table keeps one today,
       // but a row with one must still come back whole.
-      static constexpr char kHex[] = "0123456789abcdef";
-      std::string hex;
-      for (uint8_t b : st.blob(col)) {
-        hex += kHex[b >> 4];
-        hex += kHex[b & 15];
-      }
-      return json{{"hex", hex}};
+      return json{{"hex", hexOf(st.blob(col))}};
+    default: {
+      // Text that is not UTF-8 (a crate name from an old Serato file) cannot
+      // be JSON text; it travels as its bytes and comes back as the same text.
+      const std::string_view text = st.textView(col);
+      if (isValidUtf8(text)) return std::string(text);
+      return json{{"textHex",
+                   hexOf(std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()))}};
     }
-    default:
-      return st.text(col);
   }
 }
 
@@ -61,14 +83,10 @@ void bindJson(Statement& st, int index, const json& v) {
   } else if (v.is_number()) {
     st.bind(index, v.get<double>());
   } else if (v.is_object() && v.contains("hex") && v["hex"].is_string()) {
-    const std::string hex = v["hex"].get<std::string>();
-    std::vector<uint8_t> bytes;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
-      uint8_t b = 0;
-      const auto [end, ec] = std::from_chars(hex.data() + i, hex.data() + i + 2, b, 16);
-      if (ec == std::errc() && end == hex.data() + i + 2) bytes.push_back(b);  // skip damage
-    }
-    st.bindBlob(index, bytes);
+    st.bindBlob(index, bytesOf(v["hex"].get<std::string>()));
+  } else if (v.is_object() && v.contains("textHex") && v["textHex"].is_string()) {
+    const auto bytes = bytesOf(v["textHex"].get<std::string>());
+    st.bind(index, std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
   } else if (v.is_string()) {
     st.bind(index, v.get<std::string>());
   } else {
@@ -239,7 +257,7 @@ void Journal::seal(const std::string& opId) const {
 bool Journal::restoreRow(const std::string& table, int64_t id,
                          const std::optional<std::string>& value) const {
   if (!kRowTables.contains(table)) return false;
-  const json parsed = value ? json::parse(*value, nullptr, false) : json();
+  json parsed = value ? json::parse(*value, nullptr, false) : json();
   if (value && parsed.is_discarded()) return false;
 
   if (parsed.is_array()) {
@@ -266,6 +284,8 @@ bool Journal::restoreRow(const std::string& table, int64_t id,
     return del.stepCode() == SQLITE_DONE;
   }
 
+  if (table == "cues") keepSlotFree(parsed, id);
+
   std::set<std::string, std::less<>> columns;
   {
     Statement st = conn_.prepare("SELECT name FROM pragma_table_info(?)");
@@ -286,6 +306,49 @@ bool Journal::restoreRow(const std::string& table, int64_t id,
   ins.bind(1, id);
   for (size_t i = 0; i < values.size(); ++i) bindJson(ins, static_cast<int>(i + 2), *values[i]);
   return ins.stepCode() == SQLITE_DONE;
+}
+
+void Journal::keepSlotFree(json& cue, int64_t id) const {
+  // A cue put back by undo may find its hot-cue slot taken by one made since;
+  // it moves to the lowest free slot rather than sharing one. With all eight
+  // taken it keeps its own, so it is never lost.
+  const auto field = [&](const char* key) { return cue.contains(key) ? cue[key] : json(); };
+  if (!field("idx").is_number_integer() || !field("track_id").is_number_integer() ||
+      !field("kind").is_string() || !field("source_id").is_null())
+    return;
+  const int64_t slot = field("idx").get<int64_t>();
+  if (slot < 0 || slot >= 8) return;
+  std::set<int64_t> used;
+  Statement st =
+      conn_.prepare("SELECT idx FROM cues WHERE track_id = ? AND kind = ? AND id <> ? AND idx < 8");
+  st.bind(1, field("track_id").get<int64_t>())
+      .bind(2, field("kind").get<std::string>())
+      .bind(3, id);
+  while (st.step()) used.insert(st.int64(0));
+  if (!used.contains(slot)) return;
+  for (int64_t free = 0; free < 8; ++free) {
+    if (used.contains(free)) continue;
+    cue["idx"] = free;
+    return;
+  }
+}
+
+bool Journal::wouldLoop(int64_t node, const std::optional<std::string>& parent) const {
+  // Undoing moves out of order could otherwise hang a node under itself.
+  if (!parent) return false;
+  int64_t at = 0;
+  const auto [end, ec] = std::from_chars(parent->data(), parent->data() + parent->size(), at);
+  if (ec != std::errc()) return false;
+  std::set<int64_t> seen;
+  Statement up = conn_.prepare("SELECT parent_id FROM playlists WHERE id = ?");
+  while (seen.insert(at).second) {
+    if (at == node) return true;
+    up.reset();
+    up.bind(1, at);
+    if (!up.step() || up.isNull(0)) return false;
+    at = up.int64(0);
+  }
+  return true;  // already a loop above
 }
 
 std::vector<Journal::Operation> Journal::operations(int limit) const {
@@ -347,6 +410,8 @@ int Journal::apply(const std::string& opId, bool undoing) const {
       continue;
     }
     if (!isWritable(e.entity, e.field)) continue;
+    if (e.entity == "playlists" && e.field == "parent_id" && wouldLoop(e.entityId, e.value))
+      continue;
     Statement up = conn_.prepare("UPDATE " + e.entity + " SET " + e.field + " = ? WHERE id = ?");
     up.bind(1, e.value).bind(2, e.entityId);
     if (up.stepCode() == SQLITE_DONE) ++applied;

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <span>
 #include <string>
@@ -106,6 +107,8 @@ class Journal {
 
  private:
   int apply(const std::string& opId, bool undoing) const;
+  void keepSlotFree(nlohmann::json& cue, int64_t id) const;
+  bool wouldLoop(int64_t node, const std::optional<std::string>& parent) const;
   std::optional<std::string> primaryKey(const std::string& table) const;
 
   const Connection& conn_;

@@ -38,10 +38,19 @@ std::filesystem::path snapshotsBeside(const std::string& dbPath) {
   return (ec ? std::filesystem::path(dbPath) : absolute).parent_path() / "Snapshots";
 }
 
+// "orvel-" for orvel.db, "<name>-" for any other catalogue.
+std::string snapshotPrefix(const std::string& dbPath) {
+  const std::string stem = std::filesystem::path(dbPath).stem().string();
+  return (stem.empty() ? std::string("orvel") : stem) + "-";
+}
+
 }  // namespace
 
 OrvelDB::OrvelDB(const std::string& path)
-    : path_(path), conn_(path), journal_(conn_), snapshots_(conn_, snapshotsBeside(path)) {
+    : path_(path),
+      conn_(path),
+      journal_(conn_),
+      snapshots_(conn_, snapshotsBeside(path), snapshotPrefix(path)) {
   // A window and a command line may hold the same catalogue; wait for the
   // other writer instead of failing at once.
   sqlite3_busy_timeout(conn_.handle(), 5000);

@@ -106,8 +106,8 @@ class OrvelDB {
   sqlite3* handle() const { return conn_.handle(); }
   Journal& journal() { return journal_; }
   const Journal& journal() const { return journal_; }
-  // Kept in "Snapshots" beside the catalogue, so a second catalogue opened
-  // with --db never prunes the snapshots of the usual one.
+  // Kept in "Snapshots" beside the catalogue and named after it, so a second
+  // catalogue opened with --db never prunes the snapshots of the usual one.
   Snapshots& snapshots() { return snapshots_; }
 
   // Called after field writes so an in-memory model can patch its rows.

@@ -272,15 +272,16 @@ std::optional<std::string> OrvelDB::deletePlaylist(int64_t id) {
   const std::string opName = "Delete Playlist";
   Transaction tx(conn_);
   const std::string opId = journal_.begin(opName);
-  // Every row and member list is recorded before anything is deleted, so undo
-  // (newest entry first) puts the children back before their parents.
+  // Everything is recorded before anything is deleted, leaves first and each
+  // node's row last, so undo (newest entry first) puts parents back before
+  // their children and a node's row before its members, as foreign keys need.
   Statement smart = conn_.prepare("SELECT 1 FROM smart_playlists WHERE playlist_id = ?");
-  for (int64_t each : ids) {
-    journal_.snapshotRow(opId, opName, "playlists", each);
-    journal_.snapshotPlaylist(opId, opName, each);
+  for (auto it = ids.rbegin(); it != ids.rend(); ++it) {
+    journal_.snapshotPlaylist(opId, opName, *it);
     smart.reset();
-    smart.bind(1, each);
-    if (smart.step()) journal_.snapshotRow(opId, opName, "smart_playlists", each);
+    smart.bind(1, *it);
+    if (smart.step()) journal_.snapshotRow(opId, opName, "smart_playlists", *it);
+    journal_.snapshotRow(opId, opName, "playlists", *it);
   }
   // Children first, as the tree is taken down from the leaves.
   for (auto it = ids.rbegin(); it != ids.rend(); ++it) {

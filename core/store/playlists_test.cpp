@@ -187,6 +187,27 @@ TEST_F(PlaylistsTest, RenameColourAndTheFixedSources) {
   EXPECT_THAT(db().playlistsForDJExport(0), IsEmpty());
 }
 
+TEST_F(PlaylistsTest, UndoingMovesOutOfOrderNeverMakesALoop) {
+  const int64_t a = crate("A");
+  const int64_t b = crate("B");
+  db().setPlaylistParent(a, b);
+  const auto toTop = db().setPlaylistParent(a, std::nullopt);
+  ASSERT_TRUE(db().setPlaylistParent(b, a));
+  db().journal().undo(*toTop);  // would put A back under B, now below A
+  EXPECT_FALSE(db().isDescendant(a, a));
+  EXPECT_EQ(db().playlistPath(b), "A / B");
+}
+
+TEST_F(PlaylistsTest, ANameThatIsNotUtf8SurvivesDeletionAndUndo) {
+  const int64_t p = crate("x");
+  db().execChecked("UPDATE playlists SET name = CAST(x'436166e9' AS TEXT) WHERE id = " +
+                   std::to_string(p));  // "Café" in Latin-1
+  const auto deleted = db().deletePlaylist(p);
+  ASSERT_TRUE(deleted);
+  db().journal().undo(*deleted);
+  EXPECT_EQ(db().playlist(p)->name, "Caf\xe9");
+}
+
 TEST_F(PlaylistsTest, UndoingADeletionNeverOverwritesANewerNodeWithTheSameId) {
   crate("A");
   const int64_t b = crate("B");

@@ -63,18 +63,16 @@ RelinkStats OrvelDB::relink(bool apply) {
   }
   stats.dead = static_cast<int64_t>(dead.size());
 
-  // Merges cannot be undone from the history: a snapshot is the way back,
-  // and without one nothing is applied.
+  // Merges cannot be undone from the history: a fresh snapshot is the way
+  // back, and without one nothing is applied.
   if (apply && !dead.empty()) {
-    if (auto file = snapshots_.take("before relink", 60)) {
-      stats.snapshot = file->string();
-    } else if (!snapshots_.lastError().empty()) {
+    const auto file = snapshots_.take("before relink", 0);
+    if (!file) {
       stats.refused = true;
       lastError_ = snapshots_.lastError();
       return stats;
-    } else if (const auto recent = snapshots_.list(); !recent.empty()) {
-      stats.snapshot = recent.front().file.string();
     }
+    stats.snapshot = file->string();
   }
 
   // A dry run writes nothing, so it takes no write lock either.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 
@@ -13,7 +14,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::string_view kPrefix = "orvel-";
 constexpr std::string_view kExtension = ".db";
 constexpr std::string_view kPartial = ".partial";
 // Keeps the whole name well inside the 255 bytes every file system allows.
@@ -70,26 +70,16 @@ std::string localStamp(int64_t at) {
   return buf;
 }
 
-std::optional<int64_t> parseStamp(std::string_view s) {
-  if (s.size() != 15 || s[8] != '-') return std::nullopt;
+bool isStamp(std::string_view s) {
+  if (s.size() != 15 || s[8] != '-') return false;
   for (size_t i = 0; i < s.size(); ++i)
-    if (i != 8 && (s[i] < '0' || s[i] > '9')) return std::nullopt;
-  const auto num = [&](size_t from, size_t n) {
-    int v = 0;
-    std::from_chars(s.data() + from, s.data() + from + n, v);
-    return v;
-  };
-  std::tm tm{};
-  tm.tm_year = num(0, 4) - 1900;
-  tm.tm_mon = num(4, 2) - 1;
-  tm.tm_mday = num(6, 2);
-  tm.tm_hour = num(9, 2);
-  tm.tm_min = num(11, 2);
-  tm.tm_sec = num(13, 2);
-  tm.tm_isdst = -1;
-  const std::time_t t = std::mktime(&tm);
-  if (t == static_cast<std::time_t>(-1)) return std::nullopt;
-  return static_cast<int64_t>(t);
+    if (i != 8 && (s[i] < '0' || s[i] > '9')) return false;
+  return true;
+}
+
+int64_t unixSeconds(fs::file_time_type t) {
+  using namespace std::chrono;
+  return duration_cast<seconds>(file_clock::to_sys(t).time_since_epoch()).count();
 }
 
 std::string quoteForSql(const std::string& text) {
@@ -103,30 +93,29 @@ std::string quoteForSql(const std::string& text) {
 
 }  // namespace
 
-Snapshots::Snapshots(const Connection& conn, std::optional<fs::path> dir)
-    : conn_(conn), dir_(dir ? std::move(*dir) : locations::snapshotsDir()) {}
+Snapshots::Snapshots(const Connection& conn, std::optional<fs::path> dir, std::string prefix)
+    : conn_(conn),
+      dir_(dir ? std::move(*dir) : locations::snapshotsDir()),
+      prefix_(std::move(prefix)) {}
 
-std::string Snapshots::fileName(std::string_view reason, int64_t at, int sequence) {
-  std::string name = std::string(kPrefix) + localStamp(at);
+std::string Snapshots::fileName(std::string_view reason, int64_t at, int sequence) const {
+  std::string name = prefix_ + localStamp(at);
   if (sequence > 1) name += "-" + std::to_string(sequence);
   if (!reason.empty()) name += "--" + encodeReason(reason);
   return name + std::string(kExtension);
 }
 
-std::optional<Snapshots::Snap> Snapshots::parse(const fs::path& file) {
+std::optional<Snapshots::Snap> Snapshots::parse(const fs::path& file) const {
   const std::string name = file.filename().string();
-  if (!name.starts_with(kPrefix) || !name.ends_with(kExtension)) return std::nullopt;
+  if (!name.starts_with(prefix_) || !name.ends_with(kExtension)) return std::nullopt;
   std::string_view rest(name);
-  rest.remove_prefix(kPrefix.size());
+  rest.remove_prefix(prefix_.size());
   rest.remove_suffix(kExtension.size());
-  if (rest.size() < 15) return std::nullopt;
-  const auto at = parseStamp(rest.substr(0, 15));
-  if (!at) return std::nullopt;
+  if (rest.size() < 15 || !isStamp(rest.substr(0, 15))) return std::nullopt;
   rest.remove_prefix(15);
 
   Snap snap;
   snap.file = file;
-  snap.at = *at;
   if (rest.starts_with("-") && !rest.starts_with("--")) {
     rest.remove_prefix(1);
     const auto [end, ec] = std::from_chars(rest.data(), rest.data() + rest.size(), snap.sequence);
@@ -142,28 +131,50 @@ std::optional<Snapshots::Snap> Snapshots::parse(const fs::path& file) {
 }
 
 std::vector<Snapshots::Snap> Snapshots::list() const {
-  std::vector<Snap> snaps;
+  std::vector<std::pair<fs::file_time_type, Snap>> found;
   std::error_code ec;
   for (fs::directory_iterator it(dir_, ec), end; !ec && it != end; it.increment(ec)) {
     if (!it->is_regular_file(ec)) continue;
     auto snap = parse(it->path());
     if (!snap) continue;
-    std::error_code sizeError;
-    const auto bytes = fs::file_size(it->path(), sizeError);
-    snap->bytes = sizeError ? 0 : static_cast<int64_t>(bytes);
-    snaps.push_back(std::move(*snap));
+    std::error_code statError;
+    const auto bytes = fs::file_size(it->path(), statError);
+    snap->bytes = statError ? 0 : static_cast<int64_t>(bytes);
+    const auto modified = fs::last_write_time(it->path(), statError);
+    snap->at = statError ? 0 : unixSeconds(modified);
+    found.emplace_back(statError ? fs::file_time_type() : modified, std::move(*snap));
   }
-  std::sort(snaps.begin(), snaps.end(), [](const Snap& a, const Snap& b) {
-    return a.at != b.at ? a.at > b.at : a.sequence > b.sequence;
+  std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) {
+    if (a.first != b.first) return a.first > b.first;
+    return a.second.file.filename() > b.second.file.filename();
   });
+  std::vector<Snap> snaps;
+  snaps.reserve(found.size());
+  for (auto& f : found) snaps.push_back(std::move(f.second));
   return snaps;
+}
+
+void Snapshots::removeStalePartials() const {
+  // A copy cut short by a crash; one younger than an hour may still be
+  // being written by another Orvel on the same catalogue.
+  const auto cutoff = fs::file_time_type::clock::now() - std::chrono::hours(1);
+  std::error_code ec;
+  for (fs::directory_iterator it(dir_, ec), end; !ec && it != end; it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    std::error_code statError;
+    if (name.starts_with(prefix_) && name.ends_with(kPartial) &&
+        fs::last_write_time(it->path(), statError) < cutoff && !statError)
+      fs::remove(it->path(), statError);
+  }
 }
 
 std::optional<fs::path> Snapshots::take(std::string_view reason, int64_t minInterval) {
   lastError_.clear();
   const int64_t now = unixNow();
   const auto snaps = list();
-  if (minInterval > 0 && !snaps.empty() && now - snaps.front().at < minInterval)
+  // A newest copy dated in the future (the clock was put back) is not recent.
+  if (minInterval > 0 && !snaps.empty() && snaps.front().at <= now &&
+      now - snaps.front().at < minInterval)
     return std::nullopt;
   std::error_code ec;
   fs::create_directories(dir_, ec);
@@ -172,11 +183,13 @@ std::optional<fs::path> Snapshots::take(std::string_view reason, int64_t minInte
     note("Snapshot FAILED: " + lastError_);
     return std::nullopt;
   }
-  // Snapshots of the same second are told apart by a sequence number, so
-  // that their order survives whatever their reasons say.
+  removeStalePartials();
+  // Snapshots of the same second are told apart by a sequence number.
   int sequence = 1;
+  const std::string stamp = fileName("", now, 1).substr(0, prefix_.size() + 15);
   for (const Snap& snap : snaps)
-    if (snap.at == now) sequence = std::max(sequence, snap.sequence + 1);
+    if (snap.file.filename().string().starts_with(stamp))
+      sequence = std::max(sequence, snap.sequence + 1);
   fs::path target;
   do {
     target = dir_ / fileName(reason, now, sequence++);

@@ -2,10 +2,14 @@
 // before risky bulk changes and on the user's command, kept in one folder and
 // trimmed by count and total size.
 //
-// File names: "orvel-<yyyyMMdd-HHmmss local>[-N][--<reason>].db", so they sort
-// by age and the reason reads back from the name. N tells apart snapshots of
-// the same second. A copy is written under a ".partial" name and renamed when
-// complete, so a crash or a full disk never leaves a half copy in the list.
+// File names: "<prefix><yyyyMMdd-HHmmss local>[-N][--<reason>].db" with the
+// prefix "orvel-" for the usual catalogue (another catalogue uses its own
+// file name, so two catalogues in one folder never prune each other's). The
+// reason reads back from the name; N tells apart snapshots of one second.
+// Age and order come from the file's modification time, not the local-time
+// name, so a trip across time zones cannot make old copies look new.
+// A copy is written under a ".partial" name and renamed when complete, so a
+// crash or a full disk never leaves a half copy in the list.
 //
 // Shares the store's connection and adds no lock. VACUUM INTO cannot run
 // inside a transaction: take a snapshot before opening one.
@@ -27,7 +31,7 @@ class Snapshots {
   struct Snap {
     std::filesystem::path file;
     std::string reason;
-    int64_t at = 0;  // Unix seconds, read from the name
+    int64_t at = 0;  // Unix seconds, the file's modification time
     int64_t bytes = 0;
     int sequence = 1;  // the N of snapshots taken within one second
   };
@@ -36,7 +40,8 @@ class Snapshots {
   static constexpr int64_t kMaxBytes = 3'000'000'000;
 
   // No folder: the support folder's "Snapshots".
-  explicit Snapshots(const Connection& conn, std::optional<std::filesystem::path> dir = {});
+  explicit Snapshots(const Connection& conn, std::optional<std::filesystem::path> dir = {},
+                     std::string prefix = "orvel-");
 
   const std::filesystem::path& dir() const { return dir_; }
 
@@ -54,13 +59,16 @@ class Snapshots {
   void prune(int keep, int64_t maxBytes) const;
 
   // The file name for a snapshot, and the reading of one back (none for a
-  // file that is not a snapshot).
-  static std::string fileName(std::string_view reason, int64_t at, int sequence);
-  static std::optional<Snap> parse(const std::filesystem::path& file);
+  // file that is not a snapshot); `at` is left for the caller.
+  std::string fileName(std::string_view reason, int64_t at, int sequence) const;
+  std::optional<Snap> parse(const std::filesystem::path& file) const;
 
  private:
+  void removeStalePartials() const;
+
   const Connection& conn_;
   std::filesystem::path dir_;
+  std::string prefix_;
   std::string lastError_;
 };
 

@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <chrono>
 #include <fstream>
 
 #include "core/testing/store_fixture.h"
@@ -98,21 +99,35 @@ TEST_F(SnapshotsTest, PruneKeepsWithinTheSizeBudgetButAlwaysTheNewest) {
   EXPECT_EQ(left.front().reason, "s2");
 }
 
-TEST(SnapshotNames, SortByAgeAndParseOnlyTheirOwnShape) {
-  const int64_t at = 1'763'146'000;
-  const std::string a = Snapshots::fileName("", at, 1);
-  const std::string b = Snapshots::fileName("x", at + 1, 1);
-  EXPECT_LT(a, b);
-  EXPECT_TRUE(a.starts_with("orvel-") && a.ends_with(".db"));
-  const auto parsed = Snapshots::parse(Snapshots::fileName("a--b/c", at, 3));
+TEST_F(SnapshotsTest, AgeComesFromTheFileAndEachCatalogueHasItsOwnNames) {
+  Snapshots& snaps = db().snapshots();
+  ASSERT_TRUE(snaps.take("older", 0));
+  ASSERT_TRUE(snaps.take("newer", 0));
+  // The newer copy dated an hour back (as after flying west): it sorts as
+  // the older one and is the one pruning drops.
+  const fs::path newer = snaps.list().front().file;
+  fs::last_write_time(newer, fs::last_write_time(newer) - std::chrono::hours(1));
+  EXPECT_EQ(snaps.list().front().reason, "older");
+  EXPECT_NEAR(static_cast<double>(snaps.list().back().at), static_cast<double>(unixNow() - 3600),
+              5);
+  snaps.prune(1, Snapshots::kMaxBytes);
+  EXPECT_FALSE(fs::exists(newer));
+
+  // A second catalogue in the same folder neither lists nor prunes these.
+  OrvelDB other((dir_ / "orvel-test.db").string());
+  EXPECT_TRUE(other.snapshots().list().empty());
+  for (int i = 0; i < 5; ++i) ASSERT_TRUE(other.snapshots().take("", 0));
+  EXPECT_EQ(snaps.list().size(), 1u);
+  EXPECT_EQ(other.snapshots().list().size(), 4u);
+
+  const auto parsed = snaps.parse(snaps.fileName("a--b/c", 1'763'146'000, 3));
   ASSERT_TRUE(parsed);
-  EXPECT_EQ(parsed->at, at);
   EXPECT_EQ(parsed->sequence, 3);
   EXPECT_EQ(parsed->reason, "a--b/c");
-  for (const char* other :
+  for (const char* name :
        {"orvel.db", "orvel-2026.db", "orvel-20261121-1200.db", "orvel-20261121-120000.db.partial",
-        "notes.txt", "orvel-20261121-120000x.db"})
-    EXPECT_FALSE(Snapshots::parse(other)) << other;
+        "notes.txt", "orvel-20261121-120000x.db", "orvel-test-20261121-120000.db"})
+    EXPECT_FALSE(snaps.parse(name)) << name;
 }
 
 }  // namespace

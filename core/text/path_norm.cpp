@@ -34,7 +34,7 @@ std::string toUtf8(const icu::UnicodeString& u) {
 
 // Linux file names are bytes; one that is not UTF-8 keeps its bytes (ASCII
 // lower-cased) so two such names never collapse into one replacement character.
-static bool isValidUtf8(std::string_view s) {
+bool isValidUtf8(std::string_view s) {
   size_t i = 0;
   while (i < s.size()) {
     const auto c = static_cast<unsigned char>(s[i]);

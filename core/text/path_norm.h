@@ -14,4 +14,7 @@ std::string normalizePathKey(std::string_view utf8);
 // Full Unicode lower-casing without normalisation (search, folding).
 std::string lowerUnicode(std::string_view utf8);
 
+// Whether the bytes are well-formed UTF-8 (no overlong forms or surrogates).
+bool isValidUtf8(std::string_view s);
+
 }  // namespace orvel

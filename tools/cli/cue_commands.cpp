@@ -197,8 +197,11 @@ void addCueCommands(CLI::App& app, Context& ctx) {
   CLI::App* rm = cue->add_subcommand("rm", "Delete cues or loops");
   rm->add_option("CUE", a->cueIds, "Cue ids (from orvel cue ls)")->required();
   rm->callback([&ctx, a] {
-    for (int64_t id : a->cueIds) requireCue(ctx, id);  // all known, or nothing is deleted
-    for (int64_t id : a->cueIds) {
+    std::vector<int64_t> ids;
+    for (int64_t id : a->cueIds)
+      if (std::find(ids.begin(), ids.end(), id) == ids.end()) ids.push_back(id);
+    for (int64_t id : ids) requireCue(ctx, id);  // all known, or nothing is deleted
+    for (int64_t id : ids) {
       const auto opId = ctx.db().deleteCue(id);
       if (!opId) failed(ctx, "deleting cue " + std::to_string(id));
       ctx.out << fmt::format("Deleted cue {}{}\n", id, undoHint(*opId));

@@ -1,6 +1,7 @@
 // orvel playlist (create|rename|color|move|rm|add|remove|reorder|show|tree).
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <charconv>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -244,6 +245,13 @@ void addPlaylistCommands(CLI::App& app, Context& ctx) {
     OrvelDB& db = ctx.db();
     const int64_t id = resolvePlaylist(db, a->playlist);
     requireLiveTracks(ctx, a->ids);
+    const auto current = db.orderedTrackIds(id);
+    if (std::all_of(a->ids.begin(), a->ids.end(), [&](int64_t t) {
+          return std::find(current.begin(), current.end(), t) != current.end();
+        })) {
+      ctx.out << fmt::format("Every track given is already in {}\n", quoted(db, id));
+      return;
+    }
     const auto before = db.playlistRowCount(id);
     const auto opId = db.addToPlaylist(a->ids, id);
     if (!opId) failed(ctx, "adding to " + quoted(db, id));
@@ -260,6 +268,13 @@ void addPlaylistCommands(CLI::App& app, Context& ctx) {
   remove->callback([&ctx, a] {
     OrvelDB& db = ctx.db();
     const int64_t id = resolvePlaylist(db, a->playlist);
+    const auto current = db.orderedTrackIds(id);
+    if (std::none_of(a->ids.begin(), a->ids.end(), [&](int64_t t) {
+          return std::find(current.begin(), current.end(), t) != current.end();
+        })) {
+      ctx.out << fmt::format("None of the tracks given is in {}\n", quoted(db, id));
+      return;
+    }
     const auto before = db.playlistRowCount(id);
     const auto opId = db.removeFromPlaylist(a->ids, id);
     if (!opId) failed(ctx, "removing from " + quoted(db, id));

@@ -79,7 +79,10 @@ void save(Context& ctx, const SmartArgs& a) {
   std::optional<int64_t> existing;
   if (!a.playlist.empty()) {
     existing = smartPlaylist(db, a.playlist);
-    if (auto loaded = db.loadSmartRules(*existing)) p = *loaded;
+    if (auto loaded = db.loadSmartRules(*existing))
+      p = *loaded;
+    else if (a.rules.empty())  // the default rule would match the whole library
+      throw CliError(kBadUsage, "its rules are missing or damaged; give them again with --rule");
     p.name = db.playlist(*existing)->name;
   } else if (a.rules.empty()) {
     throw CliError(kBadUsage, "give at least one --rule FIELD:OP:VALUE");
