@@ -8,6 +8,7 @@
 #include "core/text/split.h"
 #include "tools/cli/commands.h"
 #include "tools/cli/table.h"
+#include "tools/cli/track_json.h"
 
 namespace orvel::cli {
 namespace {
@@ -61,19 +62,6 @@ double parseTime(const std::string& text, const char* what) {
   return *ms;
 }
 
-json cueJson(const CueRow& c) {
-  return {{"id", c.id},
-          {"trackId", c.trackId},
-          {"sourceId", c.sourceId ? json(*c.sourceId) : json(nullptr)},
-          {"bank", c.bank},
-          {"index", c.index},
-          {"positionMs", c.positionMs},
-          {"lengthMs", c.lengthMs ? json(*c.lengthMs) : json(nullptr)},
-          {"color", c.color},
-          {"name", c.name},
-          {"kind", c.kind}};
-}
-
 void requireTrack(Context& ctx, int64_t track) {
   requireLiveTracks(ctx, std::vector<int64_t>{track});
 }
@@ -107,7 +95,7 @@ void addCueCommands(CLI::App& app, Context& ctx) {
     const auto cues = db.cues(a->track);
     if (a->json) {
       json arr = json::array();
-      for (const auto& c : cues) arr.push_back(cueJson(c));
+      for (const auto& c : cues) arr.push_back(toJson(c));
       ctx.out << arr.dump(2) << '\n';
       return;
     }

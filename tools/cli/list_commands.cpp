@@ -59,16 +59,7 @@ std::vector<TrackRow> listTracks(OrvelDB& db, const ListOptions& o) {
 
 json cuesOf(OrvelDB& db, int64_t id) {
   json cues = json::array();
-  for (const CueRow& c : db.cues(id))
-    cues.push_back({{"id", c.id},
-                    {"sourceId", c.sourceId ? json(*c.sourceId) : json(nullptr)},
-                    {"bank", c.bank},
-                    {"index", c.index},
-                    {"positionMs", c.positionMs},
-                    {"lengthMs", c.lengthMs ? json(*c.lengthMs) : json(nullptr)},
-                    {"color", c.color},
-                    {"name", c.name},
-                    {"kind", c.kind}});
+  for (const CueRow& c : db.cues(id)) cues.push_back(toJson(c));
   return cues;
 }
 

@@ -156,4 +156,18 @@ void sortTracks(std::vector<TrackRow>& rows, const std::vector<SortKey>& keys) {
   rows = std::move(sorted);
 }
 
+nlohmann::json toJson(const CueRow& c) {
+  using nlohmann::json;
+  return {{"id", c.id},
+          {"trackId", c.trackId},
+          {"sourceId", c.sourceId ? json(*c.sourceId) : json(nullptr)},
+          {"bank", c.bank},
+          {"index", c.index},
+          {"positionMs", c.positionMs},
+          {"lengthMs", c.lengthMs ? json(*c.lengthMs) : json(nullptr)},
+          {"color", c.color},
+          {"name", c.name},
+          {"kind", c.kind}};
+}
+
 }  // namespace orvel::cli

@@ -6,11 +6,13 @@
 #include <string>
 #include <vector>
 
+#include "core/store/cue_row.h"
 #include "core/store/track_row.h"
 
 namespace orvel::cli {
 
 nlohmann::json toJson(const TrackRow& row);
+nlohmann::json toJson(const CueRow& cue);
 
 // A field of a TrackRow by its JSON name, for sorting; nullopt for an unknown name.
 struct SortKey {
