@@ -33,7 +33,10 @@ demo: deps build
 	echo "== a sample catalogue in $$scratch"; \
 	$(BUILD)/orvel-sample --tracks 12 "$$scratch/orvel.db"; \
 	echo "== orvel info"; $(BUILD)/orvel --db "$$scratch/orvel.db" info; \
-	echo; echo "== orvel ls"; $(BUILD)/orvel --db "$$scratch/orvel.db" ls
+	echo; echo "== orvel ls"; $(BUILD)/orvel --db "$$scratch/orvel.db" ls; \
+	echo; echo "== orvel smart save --name Peak --rule bpm:gt:125 --limit 5 --limit-by rating"; \
+	$(BUILD)/orvel --db "$$scratch/orvel.db" smart save --name Peak --rule bpm:gt:125 --limit 5 --limit-by rating; \
+	echo; echo "== orvel playlist show Peak"; $(BUILD)/orvel --db "$$scratch/orvel.db" playlist show Peak
 
 test: build
 	ctest --preset $(PRESET) -j $(JOBS)
