@@ -55,6 +55,29 @@ std::optional<CueRow> OrvelDB::cue(int64_t cueId) const {
   return readCue(st);
 }
 
+std::optional<int64_t> OrvelDB::insertManual(int64_t trackId, std::string_view kind, int slot,
+                                             double positionMs, std::optional<double> lengthMs) {
+  const bool loop = kind == "loop";
+  Statement ins =
+      loop ? conn_.prepare(
+                 "INSERT INTO cues(track_id, source_id, bank, idx, position_ms, length_ms, color, "
+                 "name, kind) VALUES(?, NULL, 'hot', ?, ?, ?, '#2FB8A6', ?, 'loop')")
+           : conn_.prepare(
+                 "INSERT INTO cues(track_id, source_id, bank, idx, position_ms, color, name, kind) "
+                 "VALUES(?, NULL, 'hot', ?, ?, '#D9A441', ?, 'cue')");
+  const std::string name = fmt::format("ORVEL {} {}", loop ? "LOOP" : "CUE", slot + 1);
+  ins.bind(1, trackId).bind(2, slot).bind(3, positionMs);
+  if (loop)
+    ins.bind(4, lengthMs).bind(5, name);
+  else
+    ins.bind(4, name);
+  if (ins.stepCode() != SQLITE_DONE) {
+    lastError_ = conn_.errorMessage();
+    return std::nullopt;
+  }
+  return freshRowId("cues", conn_.lastInsertId());
+}
+
 std::optional<CueEdit> OrvelDB::addInFreeSlot(int64_t trackId, std::string_view kind,
                                               double positionMs, std::optional<double> lengthMs) {
   const bool loop = kind == "loop";
@@ -77,29 +100,13 @@ std::optional<CueEdit> OrvelDB::addInFreeSlot(int64_t trackId, std::string_view 
     lastError_ = fmt::format("all {} {} slots of the track are taken", kCueSlots, kind);
     return std::nullopt;
   }
-  const std::string name = fmt::format("ORVEL {} {}", loop ? "LOOP" : "CUE", slot + 1);
-  Statement ins =
-      loop ? conn_.prepare(
-                 "INSERT INTO cues(track_id, source_id, bank, idx, position_ms, length_ms, color, "
-                 "name, kind) VALUES(?, NULL, 'hot', ?, ?, ?, '#2FB8A6', ?, 'loop')")
-           : conn_.prepare(
-                 "INSERT INTO cues(track_id, source_id, bank, idx, position_ms, color, name, kind) "
-                 "VALUES(?, NULL, 'hot', ?, ?, '#D9A441', ?, 'cue')");
-  ins.bind(1, trackId).bind(2, slot).bind(3, positionMs);
-  if (loop)
-    ins.bind(4, lengthMs).bind(5, name);
-  else
-    ins.bind(4, name);
-  if (ins.stepCode() != SQLITE_DONE) {
-    lastError_ = conn_.errorMessage();
-    return std::nullopt;
-  }
-  const int64_t cueId = freshRowId("cues", conn_.lastInsertId());
+  const auto cueId = insertManual(trackId, kind, slot, positionMs, lengthMs);
+  if (!cueId) return std::nullopt;
   const std::string opName = loop ? "Set Loop" : "Set Cue";
   const std::string opId = journal_.begin(opName);
-  journal_.recordCreated(opId, opName, "cues", cueId);
+  journal_.recordCreated(opId, opName, "cues", *cueId);
   if (!tx.commit()) return std::nullopt;
-  return CueEdit{slot, cueId, opId};
+  return CueEdit{slot, *cueId, opId};
 }
 
 std::optional<CueEdit> OrvelDB::addManualCue(int64_t trackId, double positionMs) {
@@ -129,18 +136,9 @@ std::optional<std::string> OrvelDB::setCue(int64_t trackId, int slot, double pos
   }
   conn_.execIgnoring(
       fmt::format("DELETE FROM cues WHERE track_id={} AND idx={} AND kind='cue'", trackId, slot));
-  Statement ins = conn_.prepare(
-      "INSERT INTO cues(track_id, source_id, bank, idx, position_ms, color, name, kind) VALUES(?, "
-      "NULL, 'hot', ?, ?, '#D9A441', ?, 'cue')");
-  ins.bind(1, trackId)
-      .bind(2, slot)
-      .bind(3, positionMs)
-      .bind(4, fmt::format("ORVEL CUE {}", slot + 1));
-  if (ins.stepCode() != SQLITE_DONE) {
-    lastError_ = conn_.errorMessage();
-    return std::nullopt;
-  }
-  journal_.recordCreated(opId, opName, "cues", freshRowId("cues", conn_.lastInsertId()));
+  const auto cueId = insertManual(trackId, "cue", slot, positionMs, std::nullopt);
+  if (!cueId) return std::nullopt;
+  journal_.recordCreated(opId, opName, "cues", *cueId);
   journal_.seal(opId);
   if (!tx.commit()) return std::nullopt;
   return opId;

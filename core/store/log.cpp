@@ -51,6 +51,14 @@ std::string isoNow() {
   return buf;
 }
 
+std::string localTimeText(int64_t unixSeconds, const char* format) {
+  const auto t = static_cast<std::time_t>(unixSeconds);
+  std::tm tm{};
+  localtime_r(&t, &tm);
+  char buf[64];
+  return std::strftime(buf, sizeof buf, format, &tm) > 0 ? buf : "";
+}
+
 void note(std::string_view message) {
   const std::string line = formatLine(message);
   appendToFile(line);

@@ -2,6 +2,7 @@
 // appended to locations::logFile(). Logging never fails loudly.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -20,5 +21,8 @@ void setNoteEcho(bool echo);
 
 // "2026-11-21T11:47:02Z": the current time, UTC, to the second.
 std::string isoNow();
+
+// Unix seconds as local time in a strftime format ("%Y-%m-%d %H:%M:%S").
+std::string localTimeText(int64_t unixSeconds, const char* format);
 
 }  // namespace orvel

@@ -324,6 +324,9 @@ class OrvelDB {
   std::optional<std::string> journaledMembers(int64_t playlistId, const std::string& opName,
                                               const std::function<bool()>& edit);
   bool insertMembers(int64_t playlistId, std::span<const int64_t> ids, int64_t firstPosition);
+  // A cue or loop of this program in `slot`; returns its id.
+  std::optional<int64_t> insertManual(int64_t trackId, std::string_view kind, int slot,
+                                      double positionMs, std::optional<double> lengthMs);
   std::optional<CueEdit> addInFreeSlot(int64_t trackId, std::string_view kind, double positionMs,
                                        std::optional<double> lengthMs);
   void ensureSmartSchema() const;

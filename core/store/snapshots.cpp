@@ -4,7 +4,6 @@
 #include <charconv>
 #include <chrono>
 #include <cstdio>
-#include <ctime>
 
 #include "core/store/locations.h"
 #include "core/store/log.h"
@@ -61,15 +60,6 @@ std::string decodeReason(std::string_view text) {
   return out;
 }
 
-std::string localStamp(int64_t at) {
-  const auto t = static_cast<std::time_t>(at);
-  std::tm tm{};
-  localtime_r(&t, &tm);
-  char buf[32];
-  std::strftime(buf, sizeof buf, "%Y%m%d-%H%M%S", &tm);
-  return buf;
-}
-
 bool isStamp(std::string_view s) {
   if (s.size() != 15 || s[8] != '-') return false;
   for (size_t i = 0; i < s.size(); ++i)
@@ -99,7 +89,7 @@ Snapshots::Snapshots(const Connection& conn, std::optional<fs::path> dir, std::s
       prefix_(std::move(prefix)) {}
 
 std::string Snapshots::fileName(std::string_view reason, int64_t at, int sequence) const {
-  std::string name = prefix_ + localStamp(at);
+  std::string name = prefix_ + localTimeText(at, "%Y%m%d-%H%M%S");
   if (sequence > 1) name += "-" + std::to_string(sequence);
   if (!reason.empty()) name += "--" + encodeReason(reason);
   return name + std::string(kExtension);

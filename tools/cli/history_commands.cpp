@@ -4,6 +4,7 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
+#include "core/store/log.h"
 #include "tools/cli/commands.h"
 #include "tools/cli/table.h"
 
@@ -43,12 +44,7 @@ void undoOrRedo(Context& ctx, const std::string& opId, bool undoing) {
 }  // namespace
 
 std::string localTime(int64_t unixSeconds) {
-  const std::time_t t = unixSeconds;
-  std::tm tm{};
-  localtime_r(&t, &tm);
-  char buf[32];
-  std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
-  return buf;
+  return localTimeText(unixSeconds, "%Y-%m-%d %H:%M:%S");
 }
 
 void addHistoryCommands(CLI::App& app, Context& ctx) {
