@@ -47,6 +47,7 @@ test-asan:
 bench:
 	$(MAKE) build PRESET=release
 	build/release/bench/orvel_store_bench
+	build/release/bench/orvel_import_bench
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

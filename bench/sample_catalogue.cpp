@@ -46,12 +46,18 @@ std::vector<SampleTrack> makeTracks(int count, uint32_t seed, const std::string&
     artistNames.push_back(
         pick(g, kFirst) + " " + pick(g, kLast) +
         (i >= static_cast<int>(kFirst.size() * kLast.size()) ? fmt::format(" {}", i) : ""));
+  // Two or three albums each, so album folders hold several tracks as they do
+  // in a real collection.
+  std::vector<std::vector<std::string>> artistAlbums(artistNames.size());
+  for (auto& albums : artistAlbums)
+    for (int n = 2 + static_cast<int>(g() % 2); n > 0; --n)
+      albums.push_back(pick(g, kWords) + " " + pick(g, kWords));
   std::vector<SampleTrack> out;
   out.reserve(static_cast<size_t>(count));
   for (int i = 0; i < count; ++i) {
-    const std::string artist =
-        artistNames[std::uniform_int_distribution<size_t>(0, artistNames.size() - 1)(g)];
-    const std::string album = pick(g, kWords) + " " + pick(g, kWords);
+    const size_t a = std::uniform_int_distribution<size_t>(0, artistNames.size() - 1)(g);
+    const std::string& artist = artistNames[a];
+    const std::string album = artistAlbums[a][g() % artistAlbums[a].size()];
     const std::string title = pick(g, kWords) + " " + pick(g, kWords) +
                               (g() % 5 == 0 ? " (" + pick(g, kFirst) + " Remix)" : "");
     SampleTrack t;

@@ -1,28 +1,47 @@
-// orvel-sample: writes a believable sample catalogue, for the demo and for
-// trying the command line on something bigger than an empty library.
+// orvel-sample: writes a believable sample library, for the demo and for
+// trying the command line on something bigger than an empty library: either
+// a catalogue filled directly, or a folder of real audio files to import.
 #include <CLI/CLI.hpp>
 #include <iostream>
 
+#include "bench/sample_audio.h"
 #include "bench/sample_catalogue.h"
 #include "core/store/log.h"
 
 int main(int argc, char** argv) {
-  CLI::App app("Create a sample Orvel catalogue", "orvel-sample");
-  std::string db;
+  CLI::App app("Create a sample Orvel catalogue or a folder of sample audio files", "orvel-sample");
+  std::string db, audio;
   int tracks = 12;
   uint32_t seed = 2026;
-  app.add_option("DB", db, "Catalogue file to create or add to")->required();
+  app.add_option("DB", db, "Catalogue file to create or add to");
+  app.add_option("--audio", audio,
+                 "Instead, write tagged audio files (MP3, FLAC, M4A, WAV, AIFF) under DIR")
+      ->type_name("DIR");
   app.add_option("--tracks", tracks, "How many tracks (default 12)")
       ->check(CLI::Range(1, 10'000'000));
   app.add_option("--seed", seed, "Seed of the generator");
   CLI11_PARSE(app, argc, argv);
+  if (db.empty() == audio.empty()) {
+    std::cerr << "orvel-sample: give either a catalogue DB or --audio DIR\n";
+    return 2;
+  }
   orvel::setNoteEcho(false);  // the new catalogue's upgrade notes go to the log only
   try {
+    if (!audio.empty()) {
+      orvel::sample::writeAudioFiles(orvel::sample::makeTracks(tracks, seed, audio));
+      orvel::sample::writeDemoExtras(audio);
+      std::cerr << "orvel-sample: wrote " << tracks << " tagged songs and a sample pack under "
+                << audio << "\n";
+      return 0;
+    }
     orvel::OrvelDB catalogue(db);
     const auto ids = orvel::sample::fill(catalogue, orvel::sample::makeTracks(tracks, seed));
     std::cerr << "orvel-sample: added " << ids.size() << " tracks to " << db << "\n";
   } catch (const orvel::StoreError& e) {
     std::cerr << "orvel-sample: cannot open " << db << ": " << e.what() << "\n";
+    return 1;
+  } catch (const std::exception& e) {
+    std::cerr << "orvel-sample: " << e.what() << "\n";
     return 1;
   }
   return 0;

@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 
+#include "bench/ratio_reporter.h"
 #include "bench/sample_catalogue.h"
 #include "core/store/log.h"
 #include "core/testing/temp_home.h"
@@ -232,17 +233,6 @@ BENCHMARK(BM_ReorderPlaylist2000)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 
 // NOLINTEND(readability-identifier-naming)
 
-// Keeps each benchmark's time per iteration so the ratios can be printed.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const auto& r : runs)
-      if (!r.error_occurred) ms[r.benchmark_name()] = r.GetAdjustedRealTime();
-    ConsoleReporter::ReportRuns(runs);
-  }
-  std::map<std::string, double> ms;
-};
-
 }  // namespace
 }  // namespace orvel
 
@@ -250,29 +240,10 @@ int main(int argc, char** argv) {
   orvel::testing::TempHome home;
   orvel::setNoteEcho(false);
   benchmark::Initialize(&argc, argv);
-  orvel::RatioReporter reporter;
+  orvel::bench::RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  // Benchmark names carry their settings ("BM_X/min_time:2.000"); match the stem.
-  // Repeated benchmarks are compared by their median.
-  const auto timeOf = [&](const std::string& stem) -> std::optional<double> {
-    std::optional<double> any;
-    for (const auto& [name, ms] : reporter.ms) {
-      if (name != stem && !name.starts_with(stem + "/")) continue;
-      if (name.ends_with("_median")) return ms;
-      if (!any && !name.ends_with("_mean") && !name.ends_with("_stddev") && !name.ends_with("_cv"))
-        any = ms;
-    }
-    return any;
-  };
   const auto ratio = [&](const char* what, const char* op, const char* base, double budget) {
-    const auto a = timeOf(op);
-    const auto b = timeOf(base);
-    if (!a || !b) return;
-    const double r = *a / *b;
-    fmt::print("{:<56} {:8.2f} ms vs {:8.2f} ms = {:.2f}x{}\n", what, *a, *b, r,
-               budget > 0
-                   ? fmt::format("  (budget {:.1f}x: {})", budget, r <= budget ? "ok" : "OVER")
-                   : "");
+    reporter.printRatio(what, op, base, budget);
   };
   fmt::print("\nRatios against the bare SQLite work, same run:\n");
   ratio("loadAllTracks, 100,000 rows / bare launch-query loop", "BM_LoadAllTracks",

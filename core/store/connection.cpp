@@ -53,7 +53,20 @@ Connection::Connection(const std::string& path) {
 }
 
 Connection::~Connection() {
+  for (auto& [key, stmt] : cache_) sqlite3_finalize(stmt);
   sqlite3_close_v2(db_);
+}
+
+Statement Connection::cached(std::string_view sql) const {
+  std::lock_guard lock(cacheMutex_);
+  auto key = std::make_pair(std::this_thread::get_id(), std::string(sql));
+  auto it = cache_.find(key);
+  if (it == cache_.end()) {
+    Statement fresh = prepare(sql);
+    if (!fresh) return fresh;
+    it = cache_.emplace(std::move(key), fresh.take()).first;
+  }
+  return Statement(it->second, Statement::Lifetime::borrowed);
 }
 
 Statement Connection::prepare(std::string_view sql) const {
@@ -111,7 +124,9 @@ Transaction::Transaction(const Connection& conn) : conn_(conn) {
     outermost_ = true;
     return;
   }
-  done_ = conn_.execChecked("SAVEPOINT orvel_tx").has_value();
+  // Nested transactions come once per row in bulk work; a kept statement
+  // saves parsing these two each time.
+  done_ = conn_.cached("SAVEPOINT orvel_tx").stepCode() != SQLITE_DONE;
 }
 
 Transaction::~Transaction() {
@@ -125,7 +140,7 @@ Transaction::~Transaction() {
 bool Transaction::commit() {
   if (done_) return false;
   done_ = true;
-  if (!outermost_) return !conn_.execChecked("RELEASE orvel_tx");
+  if (!outermost_) return conn_.cached("RELEASE orvel_tx").stepCode() == SQLITE_DONE;
   if (!conn_.execChecked("COMMIT")) return true;
   // A commit that fails must not leave the transaction open for later writes
   // to join and lose.

@@ -7,11 +7,15 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <map>
+#include <mutex>
 #include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "core/store/statement.h"
@@ -35,6 +39,11 @@ class Connection {
   sqlite3* handle() const { return db_; }
 
   Statement prepare(std::string_view sql) const;
+  // The same, kept prepared for this thread for the life of the connection:
+  // for the few statements that bulk work runs once per file. The returned
+  // Statement resets it when it goes out of scope; do not hold two of the
+  // same text at once.
+  Statement cached(std::string_view sql) const;
   // Returns SQLite's message on failure ("sqlite error N" when it gave none).
   std::optional<std::string> execChecked(const std::string& sql) const;
   // Runs a statement whose failure is expected and harmless (idempotent upgrades).
@@ -53,6 +62,9 @@ class Connection {
 
  private:
   sqlite3* db_ = nullptr;
+  // Per thread, so two threads sharing the connection never step one statement.
+  mutable std::mutex cacheMutex_;
+  mutable std::map<std::pair<std::thread::id, std::string>, sqlite3_stmt*, std::less<>> cache_;
 };
 
 // A transaction that rolls back unless committed. Inside an open transaction

@@ -31,7 +31,9 @@
 
 namespace orvel {
 
-// A file being added to the catalogue (the eleven columns of a new row).
+// A file being added to the catalogue: the eleven columns every new row gets,
+// then what the file's own tags say. The tag fields are written only when the
+// row is new; a reused or reinstated row keeps the values it has.
 struct NewTrack {
   std::string path;
   std::string filename;  // empty: taken from the path
@@ -44,7 +46,14 @@ struct NewTrack {
   std::optional<int64_t> dateAdded;  // none: now
   std::optional<int64_t> dateCreated;
   bool production = false;
+
+  std::optional<std::string> year, comment, grouping, label, fileType, key;
+  std::optional<int64_t> bitrateKbps, samplerateHz;
+  std::optional<double> bpm;
 };
+
+// What insertImported did with the file.
+enum class ImportOutcome { inserted, reinstated, reused };
 
 struct RelinkStats {
   int64_t dead = 0;        // rows whose file is gone
@@ -149,7 +158,10 @@ class OrvelDB {
   // The launch query's text (what loadAllTracks steps), for measuring it bare.
   static std::string launchQuery();
   std::optional<TrackRow> loadTrack(int64_t id) const;
-  std::optional<int64_t> insertImported(const NewTrack& track, int64_t sourceId);
+  // Adds a file, or reuses (reinstates) the row that has its path key; none on
+  // an SQL fault, with nothing written.
+  std::optional<int64_t> insertImported(const NewTrack& track, int64_t sourceId,
+                                        ImportOutcome* outcome = nullptr);
   int64_t orvelSourceId();
 
   // Maps an editor's field key ("albumartist") to its column ("album_artist");
@@ -182,6 +194,8 @@ class OrvelDB {
   // Lookups by path go through the normalised key; removed and merged rows count.
   bool hasTrack(std::string_view path) const;
   std::optional<int64_t> trackId(std::string_view path) const;
+  // The live row at a path: the one insertImported would reuse as it is.
+  std::optional<int64_t> liveTrackId(std::string_view path) const;
   std::optional<std::string> findByTags(std::string_view artist, std::string_view title) const;
   std::vector<int64_t> existingIds(
       std::span<const int64_t> ids) const;  // live ones, in the given order
@@ -324,6 +338,8 @@ class OrvelDB {
   std::optional<std::string> journaledMembers(int64_t playlistId, const std::string& opName,
                                               const std::function<bool()>& edit);
   bool insertMembers(int64_t playlistId, std::span<const int64_t> ids, int64_t firstPosition);
+  // The tag fields of a row insertImported has just created.
+  bool writeImportedTags(int64_t id, const NewTrack& track);
   // A cue or loop of this program in `slot`; returns its id.
   std::optional<int64_t> insertManual(int64_t trackId, std::string_view kind, int slot,
                                       double positionMs, std::optional<double> lengthMs);

@@ -4,15 +4,25 @@ namespace orvel {
 
 Statement& Statement::operator=(Statement&& other) noexcept {
   if (this != &other) {
-    if (stmt_ != nullptr) sqlite3_finalize(stmt_);
+    release();
     stmt_ = other.stmt_;
+    lifetime_ = other.lifetime_;
     other.stmt_ = nullptr;
   }
   return *this;
 }
 
 Statement::~Statement() {
-  if (stmt_ != nullptr) sqlite3_finalize(stmt_);
+  release();
+}
+
+void Statement::release() {
+  if (stmt_ == nullptr) return;
+  if (lifetime_ == Lifetime::owned)
+    sqlite3_finalize(stmt_);
+  else
+    reset();
+  stmt_ = nullptr;
 }
 
 Statement& Statement::bind(int index, int64_t value) {

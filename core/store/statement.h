@@ -15,9 +15,16 @@ namespace orvel {
 
 class Statement {
  public:
+  // How the statement ends: finalised, or only reset because its connection
+  // keeps it prepared for the next use.
+  enum class Lifetime { owned, borrowed };
+
   Statement() = default;
-  explicit Statement(sqlite3_stmt* stmt) : stmt_(stmt) {}
-  Statement(Statement&& other) noexcept : stmt_(other.stmt_) { other.stmt_ = nullptr; }
+  explicit Statement(sqlite3_stmt* stmt, Lifetime lifetime = Lifetime::owned)
+      : stmt_(stmt), lifetime_(lifetime) {}
+  Statement(Statement&& other) noexcept : stmt_(other.stmt_), lifetime_(other.lifetime_) {
+    other.stmt_ = nullptr;
+  }
   Statement& operator=(Statement&& other) noexcept;
   Statement(const Statement&) = delete;
   Statement& operator=(const Statement&) = delete;
@@ -25,6 +32,12 @@ class Statement {
 
   explicit operator bool() const { return stmt_ != nullptr; }
   sqlite3_stmt* get() const { return stmt_; }
+  // Hands the statement over to the caller, who then finalises it.
+  sqlite3_stmt* take() {
+    sqlite3_stmt* s = stmt_;
+    stmt_ = nullptr;
+    return s;
+  }
 
   // Binding, 1-based. Texts are copied by SQLite. An empty text binds '' (not NULL).
   Statement& bind(int index, int64_t value);
@@ -60,7 +73,10 @@ class Statement {
   std::vector<uint8_t> blob(int col) const;
 
  private:
+  void release();
+
   sqlite3_stmt* stmt_ = nullptr;
+  Lifetime lifetime_ = Lifetime::owned;
 };
 
 }  // namespace orvel

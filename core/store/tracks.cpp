@@ -134,13 +134,14 @@ int64_t OrvelDB::orvelSourceId() {
   return conn_.lastInsertId();
 }
 
-std::optional<int64_t> OrvelDB::insertImported(const NewTrack& track, int64_t sourceId) {
+std::optional<int64_t> OrvelDB::insertImported(const NewTrack& track, int64_t sourceId,
+                                               ImportOutcome* outcome) {
   Transaction tx(conn_);
   const std::string key = normalizePath(track.path);
   std::optional<int64_t> id;
   bool removed = false;
   {
-    Statement find = conn_.prepare(
+    Statement find = conn_.cached(
         "SELECT id, coalesce(removed,0) FROM tracks\n"
         "WHERE path_norm = ? AND merged_into IS NULL LIMIT 1");
     find.bind(1, key);
@@ -152,15 +153,12 @@ std::optional<int64_t> OrvelDB::insertImported(const NewTrack& track, int64_t so
   if (id && removed) {
     // A removed row may share its key with a live row of the same file; the
     // live one is the track, and reinstating the old one would make two.
-    Statement live = conn_.prepare(
-        "SELECT id FROM tracks WHERE path_norm = ? AND merged_into IS NULL AND "
-        "coalesce(removed,0) = 0 LIMIT 1");
-    live.bind(1, key);
-    if (live.step()) {
-      id = live.int64(0);
+    if (const auto live = liveTrackId(track.path)) {
+      id = live;
       removed = false;
     }
   }
+  const bool foundRow = id.has_value();
   if (id) {
     // A file dropped in again brings its old row back, cues and history included.
     if (removed) {
@@ -171,7 +169,7 @@ std::optional<int64_t> OrvelDB::insertImported(const NewTrack& track, int64_t so
   } else {
     const std::string filename =
         track.filename.empty() ? std::string(lastPathComponent(track.path)) : track.filename;
-    Statement ins = conn_.prepare(
+    Statement ins = conn_.cached(
         "INSERT INTO tracks(path, filename, title, artist, album, genre, duration_ms, "
         "filesize_bytes,\n"
         "date_added, date_created, production) VALUES(?,?,?,?,?,?,?,?,?,?,?)");
@@ -181,11 +179,29 @@ std::optional<int64_t> OrvelDB::insertImported(const NewTrack& track, int64_t so
     ins.bind(10, track.dateCreated).bind(11, static_cast<int64_t>(track.production ? 1 : 0));
     if (ins.stepCode() != SQLITE_DONE) return std::nullopt;
     id = conn_.lastInsertId();
+    if (!writeImportedTags(*id, track)) return std::nullopt;
   }
-  conn_.execIgnoring(fmt::format(
-      "INSERT OR IGNORE INTO track_sources(track_id, source_id) VALUES({}, {})", *id, sourceId));
+  Statement link =
+      conn_.cached("INSERT OR IGNORE INTO track_sources(track_id, source_id) VALUES(?, ?)");
+  link.bind(1, *id).bind(2, sourceId).stepCode();
   if (!tx.commit()) return std::nullopt;
+  if (outcome)
+    *outcome = !foundRow ? ImportOutcome::inserted
+                         : (removed ? ImportOutcome::reinstated : ImportOutcome::reused);
   return id;
+}
+
+bool OrvelDB::writeImportedTags(int64_t id, const NewTrack& t) {
+  if (!t.year && !t.comment && !t.grouping && !t.label && !t.fileType && !t.key && !t.bitrateKbps &&
+      !t.samplerateHz && !t.bpm)
+    return true;
+  Statement up = conn_.cached(
+      "UPDATE tracks SET year=?, comment=?, grouping=?, label=?, bitrate_kbps=?, "
+      "samplerate_hz=?, file_type=?, bpm=?, key=? WHERE id=?");
+  up.bind(1, t.year).bind(2, t.comment).bind(3, t.grouping).bind(4, t.label);
+  up.bind(5, t.bitrateKbps).bind(6, t.samplerateHz).bind(7, t.fileType).bind(8, t.bpm);
+  up.bind(9, t.key).bind(10, id);
+  return up.stepCode() == SQLITE_DONE;
 }
 
 std::string OrvelDB::columnFor(std::string_view key) {
@@ -350,6 +366,15 @@ bool OrvelDB::hasTrack(std::string_view path) const {
   Statement st = conn_.prepare("SELECT 1 FROM tracks WHERE path_norm = ? LIMIT 1");
   st.bind(1, normalizePath(path));
   return st.step();
+}
+
+std::optional<int64_t> OrvelDB::liveTrackId(std::string_view path) const {
+  Statement st = conn_.cached(
+      "SELECT id FROM tracks WHERE path_norm = ? AND merged_into IS NULL AND "
+      "coalesce(removed,0) = 0 LIMIT 1");
+  st.bind(1, normalizePath(path));
+  if (!st.step()) return std::nullopt;
+  return st.int64(0);
 }
 
 std::optional<int64_t> OrvelDB::trackId(std::string_view path) const {

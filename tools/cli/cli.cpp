@@ -1,14 +1,18 @@
 #include "tools/cli/cli.h"
 
 #include <CLI/CLI.hpp>
+#include <iostream>
 
 #include "core/store/log.h"
 #include "tools/cli/commands.h"
+#include "tools/cli/progress.h"
 
 namespace orvel::cli {
 
 int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
   Context ctx(out, err);
+  // Progress bars only for a person at a terminal, never into a test's stream.
+  ctx.errIsTerminal = &err == &std::cerr && stderrIsTerminal();
   CLI::App app("Orvel: a music library for DJs and record collectors", "orvel");
   app.set_version_flag("--version", "orvel 0.1.0");
   app.require_subcommand(1, 1);
@@ -25,6 +29,8 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
   addPlaylistCommands(app, ctx);
   addCueCommands(app, ctx);
   addSmartCommands(app, ctx);
+  addImportCommands(app, ctx);
+  addConfigCommands(app, ctx);
 
   std::vector<const char*> argv{"orvel"};
   for (const auto& a : args) argv.push_back(a.c_str());

@@ -30,6 +30,7 @@ struct Context {
   std::ostream& err;
   std::string dbOption;  // --db; empty: the support folder's catalogue
   bool verbose = false;
+  bool errIsTerminal = false;  // draw progress bars on err
 
   // The catalogue path in force.
   std::string dbPath() const;

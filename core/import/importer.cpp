@@ -1,0 +1,331 @@
+#include "core/import/importer.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <unordered_set>
+
+#include "core/import/production.h"
+#include "core/store/connection.h"
+#include "core/store/orvel_db.h"
+#include "core/text/split.h"
+
+namespace fs = std::filesystem;
+
+namespace orvel::Importer {
+namespace {
+
+std::string errnoText(int err) {
+  return std::strerror(err);
+}
+
+bool isAppleDouble(std::string_view file) {
+  return lastPathComponent(file).starts_with("._");
+}
+
+// What the file system says about a file before it is read.
+struct FileFacts {
+  int64_t size = 0;
+  std::optional<int64_t> created;  // birth time where the file system keeps one, else mtime
+};
+
+std::optional<FileFacts> factsOf(const fs::path& file, std::string& why) {
+  struct stat st {};
+  if (::stat(file.c_str(), &st) != 0) {
+    why = errno == ENOENT ? "the file is gone" : errnoText(errno);
+    return std::nullopt;
+  }
+  if (!S_ISREG(st.st_mode)) {
+    why = "not a regular file";
+    return std::nullopt;
+  }
+  if (st.st_size == 0) {
+    why = "the file is empty";
+    return std::nullopt;
+  }
+  // TagLib opening a file it cannot read looks the same as a file without
+  // tags; an unreadable file must fail instead of becoming a silent row.
+  if (::access(file.c_str(), R_OK) != 0) {
+    why = "cannot read the file: " + errnoText(errno);
+    return std::nullopt;
+  }
+  FileFacts facts;
+  facts.size = st.st_size;
+  facts.created = st.st_mtim.tv_sec;
+#if defined(__linux__) && defined(STATX_BTIME)
+  struct statx sx {};
+  if (::statx(AT_FDCWD, file.c_str(), AT_STATX_DONT_SYNC, STATX_BTIME, &sx) == 0 &&
+      (sx.stx_mask & STATX_BTIME))
+    facts.created = sx.stx_btime.tv_sec;
+#elif defined(__APPLE__)
+  facts.created = st.st_birthtimespec.tv_sec;
+#endif
+  return facts;
+}
+
+// Copies under a temporary name in the destination folder, then renames, so
+// a crash never leaves a partial file under the real name (a partial file
+// would later be taken for a different song of the same name).
+bool copyInto(const fs::path& source, const fs::path& dest, std::string& why) {
+  const fs::path temp = dest.parent_path() / (".orvel-copy-" + dest.filename().native());
+  std::error_code ec;
+  fs::copy_file(source, temp, fs::copy_options::overwrite_existing, ec);
+  if (!ec) {
+    // Keep the file's own date: DJs sort by it.
+    const auto when = fs::last_write_time(source, ec);
+    if (!ec) fs::last_write_time(temp, when, ec);
+    ec.clear();
+    fs::rename(temp, dest, ec);
+  }
+  if (ec) {
+    why = "cannot copy to " + dest.string() + ": " + ec.message();
+    fs::remove(temp, ec);
+    return false;
+  }
+  return true;
+}
+
+std::string fileStem(const fs::path& file) {
+  std::string stem = file.stem().string();
+  return stem.empty() ? file.filename().string() : stem;
+}
+
+// One file on its way into the catalogue.
+struct Pending {
+  std::string path;
+  NewTrack track;
+};
+
+// Collects prepared rows and writes them in short transactions: the reading
+// of tags happens outside any transaction, so the catalogue is never held
+// for longer than the inserts take.
+class Batcher {
+ public:
+  Batcher(OrvelDB& db, Result& result) : db_(db), result_(result), source_(db.orvelSourceId()) {}
+
+  void add(Pending p) {
+    if (pending_.empty()) since_ = std::chrono::steady_clock::now();
+    pending_.push_back(std::move(p));
+  }
+
+  bool due() const {
+    return pending_.size() >= 200 ||
+           (!pending_.empty() && std::chrono::steady_clock::now() - since_ > kMaxHold);
+  }
+
+  void flush() {
+    if (pending_.empty()) return;
+    std::vector<int64_t> added;
+    int64_t dupes = 0;
+    std::vector<Failure> failures;
+    Transaction tx(db_.connection());
+    for (const Pending& p : pending_) {
+      ImportOutcome outcome{};
+      const auto id = db_.insertImported(p.track, source_, &outcome);
+      if (!id)
+        failures.push_back({p.path, "the catalogue did not take it"});
+      else if (outcome == ImportOutcome::reused)
+        ++dupes;
+      else
+        added.push_back(*id);
+    }
+    if (tx.commit()) {
+      result_.added.insert(result_.added.end(), added.begin(), added.end());
+      result_.dupes += dupes;
+    } else {
+      failures.clear();
+      for (const Pending& p : pending_)
+        failures.push_back({p.path, "the catalogue could not be written"});
+    }
+    for (auto& f : failures) result_.failures.push_back(std::move(f));
+    result_.failed = static_cast<int64_t>(result_.failures.size());
+    pending_.clear();
+  }
+
+ private:
+  static constexpr auto kMaxHold = std::chrono::milliseconds(250);
+  OrvelDB& db_;
+  Result& result_;
+  int64_t source_;
+  std::vector<Pending> pending_;
+  std::chrono::steady_clock::time_point since_;
+};
+
+NewTrack rowFor(const std::string& path, const Tags& tags, const FileFacts& facts,
+                std::string_view folder) {
+  NewTrack t;
+  t.path = path;
+  t.filename = std::string(lastPathComponent(path));
+  t.title = tags.title ? tags.title : std::optional<std::string>(fileStem(fs::path(path)));
+  t.artist = tags.artist.value_or("Unknown Artist");
+  t.album = tags.album.value_or("Unknown Album");
+  t.genre = tags.genre;
+  t.durationMs = tags.durationMs;
+  t.filesizeBytes = facts.size;
+  t.dateCreated = facts.created;
+  t.production = isProductionMaterial(
+      {tags.genre.value_or(""), tags.grouping.value_or(""), tags.comment.value_or(""), folder});
+  t.year = tags.year;
+  t.comment = tags.comment;
+  t.grouping = tags.grouping;
+  t.label = tags.publisher;
+  t.bitrateKbps = tags.bitrateKbps;
+  t.samplerateHz = tags.sampleRateHz;
+  t.fileType = tags.fileType;
+  t.bpm = tags.bpm;
+  t.key = tags.key;
+  return t;
+}
+
+}  // namespace
+
+bool isAudioFile(std::string_view file) {
+  const std::string ext = extensionOf(file);
+  return std::find(std::begin(audioExts), std::end(audioExts), ext) != std::end(audioExts);
+}
+
+std::vector<fs::path> expand(std::span<const fs::path> urls) {
+  // Paths are handled as plain strings here: std::filesystem compares paths
+  // component by component, which costs more than the walk itself on a big
+  // library.
+  std::vector<std::string> out;
+  std::unordered_set<std::string> seen;
+  auto keep = [&](std::string p) {
+    if (!isAudioFile(p) || isAppleDouble(p)) return;
+    if (seen.insert(p).second) out.push_back(std::move(p));
+  };
+  for (const fs::path& url : urls) {
+    std::error_code ec;
+    fs::path root = fs::absolute(url, ec).lexically_normal();
+    if (ec) continue;
+    if (!root.has_filename() && root.has_parent_path()) root = root.parent_path();  // "dir/"
+    if (fs::is_directory(root, ec)) {
+      std::vector<std::string> inside;
+      for (auto it = fs::recursive_directory_iterator(
+               root, fs::directory_options::skip_permission_denied, ec);
+           !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+        std::error_code fileEc;
+        if (it->is_regular_file(fileEc)) inside.push_back(it->path().native());
+      }
+      std::sort(inside.begin(), inside.end());
+      for (auto& p : inside) keep(std::move(p));
+    } else if (fs::is_regular_file(root, ec)) {
+      keep(root.native());
+    }
+  }
+  return {out.begin(), out.end()};
+}
+
+std::string folderName(const std::optional<std::string>& tag, std::string_view fallback) {
+  std::string name = tag.value_or(std::string(fallback));
+  std::replace(name.begin(), name.end(), '/', '-');
+  std::replace(name.begin(), name.end(), ':', '-');
+  std::string out(trim(name));
+  // Most file systems take 255 bytes per name; leave room for " 12.ext".
+  constexpr size_t kMaxName = 200;
+  if (out.size() > kMaxName) {
+    size_t cut = kMaxName;
+    while (cut > 0 && (static_cast<unsigned char>(out[cut]) & 0xC0) == 0x80) --cut;
+    out = std::string(trim(out.substr(0, cut)));
+  }
+  if (out.find_first_not_of('.') == std::string::npos) return std::string(fallback);
+  return out;
+}
+
+bool isInside(const fs::path& path, const fs::path& root) {
+  const fs::path p = path.lexically_normal(), r = root.lexically_normal();
+  auto pi = p.begin();
+  for (auto ri = r.begin(); ri != r.end(); ++ri, ++pi) {
+    if (ri->empty() && std::next(ri) == r.end()) break;  // a trailing "/" on the root
+    if (pi == p.end() || *pi != *ri) return false;
+  }
+  return true;
+}
+
+std::optional<Destination> copyDestination(const fs::path& source, const fs::path& folder) {
+  std::error_code ec;
+  const auto size = fs::file_size(source, ec);
+  const std::string stem = source.stem().string(), ext = source.extension().string();
+  for (int n = 0; n < 10000; ++n) {
+    const fs::path candidate =
+        folder / (n == 0 ? source.filename().string() : stem + " " + std::to_string(n) + ext);
+    std::error_code existsEc;
+    if (!fs::exists(candidate, existsEc)) return Destination{candidate, false};
+    const auto there = fs::file_size(candidate, existsEc);
+    if (!existsEc && !ec && there == size) return Destination{candidate, true};
+  }
+  return std::nullopt;
+}
+
+Result ingest(std::span<const fs::path> urls, OrvelDB& db, const Options& opt) {
+  const std::vector<fs::path> files = expand(urls);
+  Result result;
+  Batcher batch(db, result);
+  const bool copying = opt.copyFiles && opt.mediaRoot.has_value();
+  auto fail = [&](const fs::path& file, std::string why) {
+    result.failures.push_back({file.string(), std::move(why)});
+    result.failed = static_cast<int64_t>(result.failures.size());
+  };
+
+  for (size_t i = 0; i < files.size(); ++i) {
+    if (opt.cancel && opt.cancel->load()) {
+      result.notReached = static_cast<int64_t>(files.size() - i);
+      break;
+    }
+    const fs::path& file = files[i];
+    if (opt.onProgress) opt.onProgress({i, files.size(), &result, file.native()});
+
+    std::string why;
+    const auto facts = factsOf(file, why);
+    if (!facts) {
+      fail(file, why);
+      continue;
+    }
+    const bool copyThis = copying && !isInside(file, *opt.mediaRoot);
+    // A file already in the library needs no tags read: its row is kept as it is.
+    if (!copyThis && db.liveTrackId(file.native())) {
+      ++result.dupes;
+      continue;
+    }
+    const Tags tags = readTags(file);
+    fs::path path = file;
+    if (copyThis) {
+      const fs::path folder = *opt.mediaRoot / folderName(tags.artist, "Unknown Artist") /
+                              folderName(tags.album, "Unknown Album");
+      std::error_code ec;
+      fs::create_directories(folder, ec);
+      if (ec) {
+        fail(file, "cannot create the folder " + folder.string() + ": " + ec.message());
+        continue;
+      }
+      const auto dest = copyDestination(file, folder);
+      if (!dest) {
+        fail(file, "no free name for it in " + folder.string());
+        continue;
+      }
+      if (!dest->exists && !copyInto(file, dest->path, why)) {
+        fail(file, why);
+        continue;
+      }
+      path = dest->path;
+      if (db.liveTrackId(path.native())) {
+        ++result.dupes;
+        continue;
+      }
+    }
+    batch.add({path.string(), rowFor(path.string(), tags, *facts, file.parent_path().native())});
+    if (batch.due()) batch.flush();
+  }
+  batch.flush();
+  if (opt.onProgress)
+    opt.onProgress(
+        {files.size() - static_cast<size_t>(result.notReached), files.size(), &result, {}});
+  return result;
+}
+
+}  // namespace orvel::Importer

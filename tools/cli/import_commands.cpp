@@ -1,0 +1,185 @@
+// orvel import, orvel watch.
+#include <fmt/format.h>
+
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+#include <nlohmann/json.hpp>
+
+#include "app/settings.h"
+#include "core/import/import_report.h"
+#include "core/import/library_watcher.h"
+#include "core/store/log.h"
+#include "tools/cli/commands.h"
+#include "tools/cli/progress.h"
+
+namespace orvel::cli {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+LibraryWatcher::Config watchConfig() {
+  const app::Settings s;
+  return {s.watchMusicFolder(), s.mediaRoot()};
+}
+
+void printFailures(Context& ctx, const Importer::Result& r) {
+  for (const auto& f : r.failures)
+    ctx.err << "orvel: cannot import " << f.path << ": " << f.reason << "\n";
+}
+
+json resultJson(const Importer::Result& r) {
+  json failures = json::array();
+  for (const auto& f : r.failures) failures.push_back({{"path", f.path}, {"reason", f.reason}});
+  return {{"added", r.added},
+          {"dupes", r.dupes},
+          {"failed", r.failed},
+          {"failures", failures},
+          {"notReached", r.notReached}};
+}
+
+struct ImportArgs {
+  std::vector<std::string> paths;
+  bool copy = false;
+  std::string mediaRoot;
+  bool json = false;
+};
+
+void runImport(Context& ctx, const ImportArgs& a) {
+  // Every path is checked before anything is imported: a typo should not
+  // leave half of a list imported.
+  std::vector<fs::path> paths;
+  for (const auto& p : a.paths) {
+    std::error_code ec;
+    if (!fs::exists(p, ec)) throw CliError(kFailed, "no such file or folder: " + p);
+    paths.emplace_back(p);
+  }
+  Importer::Options opt;
+  opt.copyFiles = a.copy;
+  if (!a.mediaRoot.empty())
+    opt.mediaRoot = fs::absolute(a.mediaRoot).lexically_normal();
+  else
+    opt.mediaRoot = app::Settings().mediaRoot();
+  if (a.copy && !opt.mediaRoot)
+    throw CliError(kBadUsage,
+                   "--copy needs a media root: give --media-root DIR or set one with "
+                   "'orvel config mediaRoot DIR'");
+
+  OrvelDB& db = ctx.db();
+  InterruptGuard interrupt;
+  ProgressBar bar(ctx.err, ctx.errIsTerminal, "Importing");
+  opt.cancel = &InterruptGuard::flag();
+  opt.onProgress = [&](const Importer::Progress& p) { bar.update(p.done, p.total, p.current); };
+  const auto r = Importer::importInPlace(paths, db, opt, "command line");
+  bar.clear();
+
+  if (a.json)
+    ctx.out << resultJson(r).dump() << "\n";
+  else
+    ctx.out << Importer::statusText(r) << "\n";
+  printFailures(ctx, r);
+  if (r.notReached > 0)
+    throw CliError(kFailed,
+                   fmt::format("interrupted; {} not imported (the rest are in the library)",
+                               countOf(static_cast<size_t>(r.notReached), "file")));
+  if (r.failed > 0)
+    throw CliError(kFailed, fmt::format("{} could not be imported",
+                                        countOf(static_cast<size_t>(r.failed), "file")));
+}
+
+void printImport(Context& ctx, OrvelDB& db, const Importer::Result& r) {
+  ctx.out << localTimeText(unixNow(), "%H:%M:%S") << " " << Importer::statusText(r) << "\n";
+  for (const int64_t id : r.added) {
+    if (const auto t = db.loadTrack(id))
+      ctx.out << fmt::format("  + {} – {}  ({})\n", t->artist, t->title, t->path);
+  }
+  printFailures(ctx, r);
+  ctx.out << std::flush;
+}
+
+void runWatch(Context& ctx) {
+  LibraryWatcher::Config config = watchConfig();
+  if (!config.mediaRoot)
+    throw CliError(kFailed,
+                   "there is no media root to watch; set one with 'orvel config mediaRoot DIR'");
+  if (!config.watchMusicFolder)
+    throw CliError(kFailed,
+                   "watching the music folder is switched off; switch it on with 'orvel config "
+                   "watchMusicFolder true'");
+  OrvelDB& db = ctx.db();
+
+  std::mutex mutex;
+  std::condition_variable wake;
+  bool pending = false;
+  LibraryWatcher watcher([&] {
+    {
+      std::lock_guard lock(mutex);
+      pending = true;
+    }
+    wake.notify_one();
+  });
+  InterruptGuard interrupt;
+  if (!watcher.start(config)) throw CliError(kFailed, watcher.lastError());
+  ctx.out << "Watching " << config.mediaRoot->string() << " (Ctrl-C to stop)\n" << std::flush;
+
+  auto lastLook = std::chrono::steady_clock::now();
+  while (!InterruptGuard::flag()) {
+    bool drain = false;
+    {
+      std::unique_lock lock(mutex);
+      wake.wait_for(lock, std::chrono::milliseconds(200), [&] { return pending; });
+      drain = std::exchange(pending, false);
+    }
+    if (drain) {
+      const auto fresh = watcher.drain(db);
+      if (!fresh.empty()) {
+        Importer::Options opt;  // the files already lie in the media root: no copying
+        opt.mediaRoot = watcher.config().mediaRoot;
+        opt.cancel = &InterruptGuard::flag();
+        printImport(ctx, db, Importer::importInPlace(fresh, db, opt, "watcher"));
+      }
+    }
+    // Settings changed elsewhere (the window, `orvel config`) restart the watch.
+    if (std::chrono::steady_clock::now() - lastLook > std::chrono::seconds(1)) {
+      lastLook = std::chrono::steady_clock::now();
+      const auto now = watchConfig();
+      if (watcher.restartIfChanged(now)) {
+        if (watcher.watching())
+          ctx.out << "Watching " << now.mediaRoot->string() << "\n";
+        else if (!watcher.lastError().empty())
+          ctx.out << "Stopped watching: " << watcher.lastError() << "\n";
+        else
+          ctx.out << "Stopped watching: "
+                  << (now.mediaRoot ? "watchMusicFolder is off" : "there is no media root") << "\n";
+        ctx.out << std::flush;
+      }
+    }
+  }
+  watcher.stop();
+  ctx.out << "Stopped\n";
+}
+
+}  // namespace
+
+void addImportCommands(CLI::App& app, Context& ctx) {
+  auto a = std::make_shared<ImportArgs>();
+  auto* import = app.add_subcommand("import", "Add audio files and folders to the library");
+  import->add_option("PATH", a->paths, "Files and folders; folders are searched at any depth")
+      ->required();
+  import->add_flag("--copy", a->copy,
+                   "Copy files from outside the media root into it, by artist and album");
+  import
+      ->add_option("--media-root", a->mediaRoot,
+                   "The media root for this import (default: the mediaRoot setting)")
+      ->type_name("DIR");
+  import->add_flag("--json", a->json, "The outcome as JSON: added ids, dupes, failures");
+  import->callback([&ctx, a] { runImport(ctx, *a);
+});
+
+auto* watch = app.add_subcommand(
+    "watch", "Watch the media root and import new audio files until interrupted");
+watch->callback([&ctx] { runWatch(ctx); });
+}  // namespace orvel::cli
+
+}  // namespace orvel::cli
