@@ -23,20 +23,29 @@ build: configure
 run: build
 	$(BUILD)/orvel $(ARGS)
 
-# Installs what is missing, builds, and shows Orvel on a sample catalogue made
-# in a scratch folder (HOME points there too, so nothing of yours is touched).
+# Installs what is missing, builds, and shows Orvel on a sample library made
+# in a scratch folder: real audio files in several formats and nested
+# folders, tagged, then imported. HOME points there too, so nothing of yours
+# is touched.
 demo: deps build
 	@scratch=$$(mktemp -d "$${TMPDIR:-/tmp}/orvel-demo.XXXXXX"); \
 	export HOME="$$scratch" XDG_DATA_HOME="$$scratch/share" XDG_STATE_HOME="$$scratch/state" \
 	       XDG_CONFIG_HOME="$$scratch/config" XDG_CACHE_HOME="$$scratch/cache"; \
-	set -e; \
-	echo "== a sample catalogue in $$scratch"; \
-	$(BUILD)/orvel-sample --tracks 12 "$$scratch/orvel.db"; \
-	echo "== orvel info"; $(BUILD)/orvel --db "$$scratch/orvel.db" info; \
-	echo; echo "== orvel ls"; $(BUILD)/orvel --db "$$scratch/orvel.db" ls; \
-	echo; echo "== orvel smart save --name Peak --rule bpm:gt:125 --limit 5 --limit-by rating"; \
-	$(BUILD)/orvel --db "$$scratch/orvel.db" smart save --name Peak --rule bpm:gt:125 --limit 5 --limit-by rating; \
-	echo; echo "== orvel playlist show Peak"; $(BUILD)/orvel --db "$$scratch/orvel.db" playlist show Peak
+	set -e; orvel="$(BUILD)/orvel --db $$scratch/orvel.db"; \
+	echo "== sample audio files in $$scratch/Music"; \
+	$(BUILD)/orvel-sample --audio "$$scratch/Music" --tracks 16; \
+	find "$$scratch/Music" -type f | sed "s|$$scratch/||" | sort | head -8; echo "   ..."; \
+	echo; echo "== orvel import $$scratch/Music"; $$orvel import "$$scratch/Music"; \
+	echo; echo "== orvel import $$scratch/Music (again)"; $$orvel import "$$scratch/Music"; \
+	echo; echo "== orvel ls"; $$orvel ls; \
+	$(BUILD)/orvel-sample --audio "$$scratch/Downloads" --tracks 2 --seed 9 2>/dev/null; \
+	echo; echo "== orvel import --copy --media-root $$scratch/Media $$scratch/Downloads"; \
+	$$orvel import --copy --media-root "$$scratch/Media" "$$scratch/Downloads"; \
+	find "$$scratch/Media" -type f | sed "s|$$scratch/||" | sort; \
+	echo; echo "== orvel smart save --name Peak --rule bpm:gt:125 --limit 5 --limit-by artist"; \
+	$$orvel smart save --name Peak --rule bpm:gt:125 --limit 5 --limit-by artist; \
+	echo; echo "== orvel playlist show Peak"; $$orvel playlist show Peak; \
+	echo; echo "== orvel info"; $$orvel info
 
 test: build
 	ctest --preset $(PRESET) -j $(JOBS)
