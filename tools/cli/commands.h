@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
+#include <nlohmann/json_fwd.hpp>
 #include <span>
 #include <string>
 #include <vector>
@@ -41,6 +42,9 @@ int64_t resolvePlaylist(OrvelDB& db, const std::string& idOrPath);
 // The live tracks among `ids`, in that order.
 std::vector<TrackRow> tracksInOrder(OrvelDB& db, std::span<const int64_t> ids);
 void printTrackTable(std::ostream& out, const std::vector<TrackRow>& rows);
+// JSON text for stdout. A Linux file name may be any bytes; bytes that are
+// not UTF-8 come out as U+FFFD instead of failing the whole listing.
+std::string jsonText(const nlohmann::json& j, int indent = -1);
 // One JSON array, a track per line.
 void printTrackJson(std::ostream& out, const std::vector<TrackRow>& rows);
 

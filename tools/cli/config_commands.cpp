@@ -128,7 +128,7 @@ void addConfigCommands(CLI::App& app, Context& ctx) {
         else
           ctx.out << fmt::format("{:<18} {:<32} {}\n", p.key, p.get(settings), p.help);
       }
-      if (args->json) ctx.out << j.dump(2) << "\n";
+      if (args->json) ctx.out << jsonText(j, 2) << "\n";
       return;
     }
     const Pref& p = prefFor(args->key);

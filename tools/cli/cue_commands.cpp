@@ -96,7 +96,7 @@ void addCueCommands(CLI::App& app, Context& ctx) {
     if (a->json) {
       json arr = json::array();
       for (const auto& c : cues) arr.push_back(toJson(c));
-      ctx.out << arr.dump(2) << '\n';
+      ctx.out << jsonText(arr, 2) << '\n';
       return;
     }
     if (cues.empty()) {

@@ -65,7 +65,7 @@ void addHistoryCommands(CLI::App& app, Context& ctx) {
                        {"entries", op.entries},
                        {"at", op.at},
                        {"undone", op.undone}});
-      ctx.out << arr.dump(2) << '\n';
+      ctx.out << jsonText(arr, 2) << '\n';
       return;
     }
     Table table({{"OPERATION", 60}, {"WHEN", 19}, {"WHAT", 40}, {"CHANGES", 8, true}, {"", 6}});

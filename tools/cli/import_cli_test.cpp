@@ -66,6 +66,12 @@ TEST_F(ImportCliTest, BadInputIsRefusedOrReportedFileByFile) {
   EXPECT_THAT(mixed.err,
               HasSubstr("cannot import " + in("empty.mp3").string() + ": the file is empty"));
   EXPECT_THAT(mixed.err, HasSubstr("1 file could not be imported"));
+
+  // A Linux file name need not be UTF-8; the listing must still be JSON.
+  testing::writeAudioFile(in("odd/caf\xE9.mp3"), AudioFormat::mp3);
+  EXPECT_EQ(orvel({"import", in("odd").string()}).out, "Added 1\n");
+  const json all = orvelJson({"ls"});
+  EXPECT_EQ(all.size(), 5u);
 }
 
 TEST_F(ImportCliTest, CopiesIntoTheMediaRootGivenOrConfigured) {

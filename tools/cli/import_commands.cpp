@@ -75,7 +75,7 @@ void runImport(Context& ctx, const ImportArgs& a) {
   bar.clear();
 
   if (a.json)
-    ctx.out << resultJson(r).dump() << "\n";
+    ctx.out << jsonText(resultJson(r)) << "\n";
   else
     ctx.out << Importer::statusText(r) << "\n";
   printFailures(ctx, r);

@@ -105,7 +105,7 @@ void show(Context& ctx, int64_t id, bool asJson) {
   j["beatgrids"] = gridsOf(db, id);
   j["defects"] = defectsOf(db, id);
   if (asJson) {
-    ctx.out << j.dump(2) << '\n';
+    ctx.out << jsonText(j, 2) << '\n';
     return;
   }
   std::ostream& out = ctx.out;
@@ -170,7 +170,7 @@ void printTrackJson(std::ostream& out, const std::vector<TrackRow>& rows) {
   // One array, a track per line: streamed, so a whole library does not have
   // to exist twice in memory as JSON.
   out << "[";
-  for (size_t i = 0; i < rows.size(); ++i) out << (i ? ",\n" : "\n") << toJson(rows[i]).dump();
+  for (size_t i = 0; i < rows.size(); ++i) out << (i ? ",\n" : "\n") << jsonText(toJson(rows[i]));
   out << "\n]\n";
 }
 

@@ -86,7 +86,7 @@ void addInfoCommand(CLI::App& app, Context& ctx) {
   info->callback([&ctx, asJson] {
     const json j = infoJson(ctx);
     if (*asJson)
-      ctx.out << j.dump(2) << '\n';
+      ctx.out << jsonText(j, 2) << '\n';
     else
       printInfo(ctx.out, j);
   });
@@ -128,7 +128,7 @@ void addMaintenanceCommands(CLI::App& app, Context& ctx) {
       for (const auto& s : list)
         arr.push_back(
             {{"file", s.file.string()}, {"reason", s.reason}, {"at", s.at}, {"bytes", s.bytes}});
-      ctx.out << arr.dump(2) << '\n';
+      ctx.out << jsonText(arr, 2) << '\n';
       return;
     }
     if (list.empty()) {
@@ -159,15 +159,15 @@ void addMaintenanceCommands(CLI::App& app, Context& ctx) {
           kFailed, "could not take a snapshot first (" + db.lastError() + "); nothing was changed");
     if (s.snapshot) ctx.err << "snapshot to go back to: " << *s.snapshot << '\n';
     if (*asJson) {
-      ctx.out << json{{"applied", *apply},
-                      {"dead", s.dead},
-                      {"relinked", s.relinked},
-                      {"ambiguous", s.ambiguous},
-                      {"unmatched", s.unmatched},
-                      {"linksMoved", s.linksMoved},
-                      {"offline", s.offline},
-                      {"snapshot", s.snapshot ? json(*s.snapshot) : json(nullptr)}}
-                     .dump(2)
+      ctx.out << jsonText(json{{"applied", *apply},
+                               {"dead", s.dead},
+                               {"relinked", s.relinked},
+                               {"ambiguous", s.ambiguous},
+                               {"unmatched", s.unmatched},
+                               {"linksMoved", s.linksMoved},
+                               {"offline", s.offline},
+                               {"snapshot", s.snapshot ? json(*s.snapshot) : json(nullptr)}},
+                          2)
               << '\n';
       return;
     }

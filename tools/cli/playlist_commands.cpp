@@ -104,7 +104,7 @@ void show(Context& ctx, int64_t id, bool asJson) {
               {"smart", smart ? json::parse(smart->toJSON()) : json(nullptr)},
               {"tracks", json::array()}};
     for (const auto& r : rows) j["tracks"].push_back(toJson(r));
-    ctx.out << j.dump(2) << '\n';
+    ctx.out << jsonText(j, 2) << '\n';
     return;
   }
   ctx.out << fmt::format("#{}  {}  ({}{}, {})\n", id, db.playlistPath(id), kind,
@@ -308,7 +308,7 @@ void addPlaylistCommands(CLI::App& app, Context& ctx) {
     if (a->json) {
       json arr = json::array();
       for (const auto& n : roots) arr.push_back(nodeJson(n));
-      ctx.out << arr.dump(2) << '\n';
+      ctx.out << jsonText(arr, 2) << '\n';
       return;
     }
     if (roots.empty()) ctx.out << "No playlists yet: orvel playlist create NAME\n";

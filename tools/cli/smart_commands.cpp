@@ -114,12 +114,12 @@ void save(Context& ctx, const SmartArgs& a) {
   const SmartSaveResult r = db.saveSmartPlaylist(p, existing);
   if (!r.playlistId) throw CliError(kFailed, r.error + "; nothing was changed");
   if (a.json) {
-    ctx.out << json{{"id", *r.playlistId},
-                    {"name", p.name},
-                    {"trackCount", r.trackCount},
-                    {"live", p.liveUpdate},
-                    {"opId", r.opId}}
-                   .dump(2)
+    ctx.out << jsonText(json{{"id", *r.playlistId},
+                             {"name", p.name},
+                             {"trackCount", r.trackCount},
+                             {"live", p.liveUpdate},
+                             {"opId", r.opId}},
+                        2)
             << '\n';
     return;
   }
@@ -136,8 +136,11 @@ void show(Context& ctx, const SmartArgs& a) {
                                 "\" are missing or damaged; it keeps its saved members");
   const auto [sql, binds] = p->query();
   if (a.json) {
-    ctx.out << json{{"id", id}, {"rules", json::parse(p->toJSON())}, {"sql", sql}, {"binds", binds}}
-                   .dump(2)
+    ctx.out << jsonText(json{{"id", id},
+                             {"rules", json::parse(p->toJSON())},
+                             {"sql", sql},
+                             {"binds", binds}},
+                        2)
             << '\n';
     return;
   }

@@ -7,6 +7,7 @@
 
 #include "core/text/path_norm.h"
 #include "core/text/split.h"
+#include "tools/cli/commands.h"
 #include "tools/cli/context.h"
 
 namespace orvel::cli {
@@ -168,6 +169,14 @@ nlohmann::json toJson(const CueRow& c) {
           {"color", c.color},
           {"name", c.name},
           {"kind", c.kind}};
+}
+
+}  // namespace orvel::cli
+
+namespace orvel::cli {
+
+std::string jsonText(const nlohmann::json& j, int indent) {
+  return j.dump(indent, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 }  // namespace orvel::cli
