@@ -95,20 +95,14 @@ std::string fileStem(const fs::path& file) {
   return stem.empty() ? file.filename().string() : stem;
 }
 
-// One file on its way into the catalogue.
-struct Pending {
-  std::string path;
-  NewTrack track;
-};
-
-// Collects prepared rows and writes them in short transactions: the reading
+// Collects prepared rows (one per file) and writes them in short transactions: the reading
 // of tags happens outside any transaction, so the catalogue is never held
 // for longer than the inserts take.
 class Batcher {
  public:
   Batcher(OrvelDB& db, Result& result) : db_(db), result_(result), source_(db.orvelSourceId()) {}
 
-  void add(Pending p) {
+  void add(NewTrack p) {
     if (pending_.empty()) since_ = std::chrono::steady_clock::now();
     pending_.push_back(std::move(p));
   }
@@ -124,9 +118,9 @@ class Batcher {
     int64_t dupes = 0;
     std::vector<Failure> failures;
     Transaction tx(db_.connection());
-    for (const Pending& p : pending_) {
+    for (const NewTrack& p : pending_) {
       ImportOutcome outcome{};
-      const auto id = db_.insertImported(p.track, source_, &outcome);
+      const auto id = db_.insertImported(p, source_, &outcome);
       if (!id)
         failures.push_back({p.path, "the catalogue did not take it"});
       else if (outcome == ImportOutcome::reused)
@@ -139,7 +133,7 @@ class Batcher {
       result_.dupes += dupes;
     } else {
       failures.clear();
-      for (const Pending& p : pending_)
+      for (const NewTrack& p : pending_)
         failures.push_back({p.path, "the catalogue could not be written"});
     }
     for (auto& f : failures) result_.failures.push_back(std::move(f));
@@ -152,7 +146,7 @@ class Batcher {
   OrvelDB& db_;
   Result& result_;
   int64_t source_;
-  std::vector<Pending> pending_;
+  std::vector<NewTrack> pending_;
   std::chrono::steady_clock::time_point since_;
 };
 
@@ -225,14 +219,9 @@ std::string folderName(const std::optional<std::string>& tag, std::string_view f
   std::string name = tag.value_or(std::string(fallback));
   std::replace(name.begin(), name.end(), '/', '-');
   std::replace(name.begin(), name.end(), ':', '-');
-  std::string out(trim(name));
   // Most file systems take 255 bytes per name; leave room for " 12.ext".
   constexpr size_t kMaxName = 200;
-  if (out.size() > kMaxName) {
-    size_t cut = kMaxName;
-    while (cut > 0 && (static_cast<unsigned char>(out[cut]) & 0xC0) == 0x80) --cut;
-    out = std::string(trim(out.substr(0, cut)));
-  }
+  const std::string out(trim(utf8Prefix(trim(name), kMaxName)));
   if (out.find_first_not_of('.') == std::string::npos) return std::string(fallback);
   return out;
 }
@@ -318,7 +307,7 @@ Result ingest(std::span<const fs::path> urls, OrvelDB& db, const Options& opt) {
         continue;
       }
     }
-    batch.add({path.string(), rowFor(path.string(), tags, *facts, file.parent_path().native())});
+    batch.add(rowFor(path.string(), tags, *facts, file.parent_path().native()));
     if (batch.due()) batch.flush();
   }
   batch.flush();

@@ -382,12 +382,7 @@ std::optional<std::string> cleanTagText(std::string_view text, size_t maxBytes) 
     else if (c >= 0x20 && c != 0x7F)
       out += ch;
   }
-  std::string_view kept = trim(out);
-  if (kept.size() > maxBytes) {
-    size_t cut = maxBytes;
-    while (cut > 0 && (static_cast<unsigned char>(kept[cut]) & 0xC0) == 0x80) --cut;
-    kept = trim(kept.substr(0, cut));
-  }
+  const std::string_view kept = trim(utf8Prefix(trim(out), maxBytes));
   if (kept.empty()) return std::nullopt;
   return std::string(kept);
 }

@@ -16,6 +16,8 @@ std::string_view trim(std::string_view text);
 // What follows the last "/" of a path (the whole text when there is none).
 std::string_view lastPathComponent(std::string_view path);
 
+// At most `maxBytes` of UTF-8 text, cut before a character, never inside one.
+std::string_view utf8Prefix(std::string_view text, size_t maxBytes);
 // The lower-cased ASCII extension of a path's file name, without the dot;
 // empty when the name has none or only a leading dot.
 std::string extensionOf(std::string_view path);
