@@ -50,17 +50,25 @@ std::vector<std::string> filesEndingIn(const fs::path& dir, std::string_view ext
   std::error_code ec;
   for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
     std::string name = it->path().filename().string();
-    if (name.size() > extension.size() && name.ends_with(extension)) names.push_back(std::move(name));
+    if (name.size() > extension.size() && name.ends_with(extension))
+      names.push_back(std::move(name));
   }
   std::sort(names.begin(), names.end());
   return names;
 }
 
+// The records nested in a smart crate's "r" records. Their tags do not begin
+// with "o", so the generic parse leaves them as raw bytes.
+std::optional<std::vector<SeratoField>> nestedFields(const SeratoValue& value) {
+  if (const auto* fields = value.asContainer()) return *fields;
+  if (value.kind == SeratoValue::Kind::raw) return SeratoTLV::parse(value.bytes);
+  return std::nullopt;
+}
+
 // A "brut" flag: a byte or number is true when non-zero, raw bytes when the
 // last is non-zero or there are none; anything else, or no flag, is true.
-bool flagOf(const SeratoField& holder) {
-  const auto* inner = holder.value.asContainer();
-  const SeratoField* brut = inner ? SeratoTLV::find(*inner, "brut") : nullptr;
+bool flagOf(std::span<const SeratoField> inner) {
+  const SeratoField* brut = SeratoTLV::find(inner, "brut");
   if (!brut) return true;
   const SeratoValue& v = brut->value;
   switch (v.kind) {
@@ -134,21 +142,36 @@ std::optional<SeratoTrack> SeratoLibrary::track(std::span<const SeratoField> fie
     if (tag == "pfil") {
       t.path = absolute(*text);
       hasPath = true;
-    } else if (tag == "tsng") t.title = *text;
-    else if (tag == "tart") t.artist = *text;
-    else if (tag == "talb") t.album = *text;
-    else if (tag == "tgen") t.genre = *text;
-    else if (tag == "tcom") t.comment = *text;
-    else if (tag == "tgrp") t.grouping = *text;
-    else if (tag == "tlbl") t.label = *text;
-    else if (tag == "ttyr") t.year = *text;
-    else if (tag == "tbpm") t.bpm = *text;
-    else if (tag == "tkey") t.key = *text;
-    else if (tag == "tlen") t.durationText = *text;
-    else if (tag == "tbit") t.bitrateText = *text;
-    else if (tag == "tsmp") t.sampleRateText = *text;
-    else if (tag == "tsiz") t.sizeText = *text;
-    else if (tag == "ttyp") t.fileType = *text;
+    } else if (tag == "tsng")
+      t.title = *text;
+    else if (tag == "tart")
+      t.artist = *text;
+    else if (tag == "talb")
+      t.album = *text;
+    else if (tag == "tgen")
+      t.genre = *text;
+    else if (tag == "tcom")
+      t.comment = *text;
+    else if (tag == "tgrp")
+      t.grouping = *text;
+    else if (tag == "tlbl")
+      t.label = *text;
+    else if (tag == "ttyr")
+      t.year = *text;
+    else if (tag == "tbpm")
+      t.bpm = *text;
+    else if (tag == "tkey")
+      t.key = *text;
+    else if (tag == "tlen")
+      t.durationText = *text;
+    else if (tag == "tbit")
+      t.bitrateText = *text;
+    else if (tag == "tsmp")
+      t.sampleRateText = *text;
+    else if (tag == "tsiz")
+      t.sizeText = *text;
+    else if (tag == "ttyp")
+      t.fileType = *text;
   }
   if (!hasPath) return std::nullopt;
   return t;
@@ -179,7 +202,8 @@ std::vector<std::string> SeratoLibrary::crateTrackPaths(std::span<const uint8_t>
 
 void SeratoLibrary::applyRules(std::span<const uint8_t> smartCrateFile, SeratoCrate& crate) {
   for (const SeratoField& field : SeratoTLV::parse(smartCrateFile)) {
-    const auto* inner = field.value.asContainer();
+    if (field.tag != "rurt" && field.tag != "rart" && field.tag != "rlut") continue;
+    const auto inner = nestedFields(field.value);
     if (!inner) continue;
     if (field.tag == "rurt") {
       SeratoSmartRule rule;
@@ -195,9 +219,9 @@ void SeratoLibrary::applyRules(std::span<const uint8_t> smartCrateFile, SeratoCr
       }
       if (!rule.conditionRaw.empty()) crate.rules.push_back(std::move(rule));
     } else if (field.tag == "rart") {
-      crate.matchAll = flagOf(field);
+      crate.matchAll = flagOf(*inner);
     } else if (field.tag == "rlut") {
-      crate.live = flagOf(field);
+      crate.live = flagOf(*inner);
     }
   }
 }

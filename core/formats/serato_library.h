@@ -30,8 +30,8 @@ struct SeratoSmartRule {
   std::optional<uint32_t> uintValue;
 
   static const std::map<uint32_t, std::string>& knownFields();
-  std::string fieldName() const;      // "BPM", or "field 99"
-  std::string conditionName() const;  // "is at least", or the key as it stands
+  std::string fieldName() const;       // "BPM", or "field 99"
+  std::string conditionName() const;   // "is at least", or the key as it stands
   std::string describedValue() const;  // “House”, or the number
   std::string summary() const;         // BPM is at least 124
 };

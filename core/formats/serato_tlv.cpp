@@ -51,7 +51,9 @@ void appendHeader(std::vector<uint8_t>& out, std::string_view tag, size_t length
 
 }  // namespace
 
-std::vector<SeratoField> SeratoTLV::parse(std::span<const uint8_t> data) { return parseAt(data, 0); }
+std::vector<SeratoField> SeratoTLV::parse(std::span<const uint8_t> data) {
+  return parseAt(data, 0);
+}
 
 const SeratoField* SeratoTLV::find(std::span<const SeratoField> fields, std::string_view tag) {
   for (const SeratoField& f : fields)

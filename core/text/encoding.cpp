@@ -59,7 +59,8 @@ std::optional<std::string> utf16ToUtf8(std::span<const uint8_t> bytes, Utf16 for
     }
   }
   auto unit = [&](size_t at) -> uint32_t {
-    return big ? uint32_t{bytes[at]} << 8 | bytes[at + 1] : uint32_t{bytes[at + 1]} << 8 | bytes[at];
+    return big ? uint32_t{bytes[at]} << 8 | bytes[at + 1]
+               : uint32_t{bytes[at + 1]} << 8 | bytes[at];
   };
   std::string out;
   out.reserve(bytes.size() / 2);
@@ -94,7 +95,8 @@ std::optional<std::string_view> asciiText(std::span<const uint8_t> bytes) {
 std::optional<std::vector<uint8_t>> base64Decode(std::string_view text) {
   if (text.size() % 4 != 0) return std::nullopt;
   size_t padding = 0;
-  if (!text.empty() && text.back() == '=') padding = text.size() >= 2 && text[text.size() - 2] == '=' ? 2 : 1;
+  if (!text.empty() && text.back() == '=')
+    padding = text.size() >= 2 && text[text.size() - 2] == '=' ? 2 : 1;
   std::vector<uint8_t> out;
   out.reserve(text.size() / 4 * 3);
   uint32_t acc = 0;
@@ -118,6 +120,8 @@ std::optional<std::vector<uint8_t>> base64Decode(std::string_view text) {
   return out;
 }
 
-float readF32BE(const uint8_t* p) { return std::bit_cast<float>(readU32BE(p)); }
+float readF32BE(const uint8_t* p) {
+  return std::bit_cast<float>(readU32BE(p));
+}
 
 }  // namespace orvel

@@ -36,7 +36,9 @@ std::optional<std::vector<uint8_t>> base64Decode(std::string_view text);
 inline uint32_t readU32BE(const uint8_t* p) {
   return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | uint32_t{p[3]};
 }
-inline uint16_t readU16BE(const uint8_t* p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
+inline uint16_t readU16BE(const uint8_t* p) {
+  return static_cast<uint16_t>(p[0] << 8 | p[1]);
+}
 float readF32BE(const uint8_t* p);
 
 }  // namespace orvel

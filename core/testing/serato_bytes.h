@@ -1,0 +1,55 @@
+// Serato's per-file tags and ID3 tags built byte by byte, for tests that
+// need a file exactly as another program writes it.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace orvel::testing {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes bytesOf(std::string_view text);
+Bytes concat(std::initializer_list<Bytes> parts);
+Bytes u32be(uint32_t v);
+Bytes f32be(float v);
+Bytes synchsafe(uint32_t v);
+
+// A GEOB frame body: encoding byte, MIME type, file name, description (both
+// already encoded and terminated as `encoding` wants), then the object.
+Bytes geobBody(uint8_t encoding, const Bytes& fileName, const Bytes& description,
+               const Bytes& object, std::string_view mime = "application/octet-stream");
+// The description "text" terminated for encodings 0/3 (one NUL), 1 (BOM +
+// UTF-16LE, two NULs) and 2 (UTF-16BE, two NULs). ASCII text only.
+Bytes encodedText(std::string_view ascii, uint8_t encoding);
+
+struct Id3Frame {
+  std::string id{};  // "GEOB", "GEO", "TIT2"…
+  Bytes body{};
+  uint8_t flags2 = 0;                      // second flags byte (v2.3/2.4)
+  std::optional<uint32_t> declaredSize{};  // what the header says, if not body.size()
+};
+// A whole tag: header, optional extended header, frames, padding.
+Bytes id3Tag(uint8_t version, const std::vector<Id3Frame>& frames, uint8_t flags = 0,
+             const Bytes& extendedHeader = {}, size_t padding = 0);
+
+// A "Serato Markers2" entry and the GEOB object holding the entries, as
+// Serato writes it: base64 without "=" padding, wrapped every 72 characters,
+// NUL padded.
+Bytes markersEntry(std::string_view type, const Bytes& body);
+Bytes cueBody(uint8_t index, uint32_t positionMs, uint8_t r, uint8_t g, uint8_t b,
+              std::optional<std::string> name);
+Bytes loopBody(uint8_t index, uint32_t startMs, uint32_t endMs, std::optional<std::string> name);
+Bytes markers2Object(const std::vector<Bytes>& entries, size_t nulPadding = 16);
+// "Serato BeatGrid": (position seconds, beats or, last, BPM) per marker.
+Bytes beatGridObject(const std::vector<std::pair<float, float>>& markers,
+                     std::optional<uint32_t> declaredCount = std::nullopt);
+
+std::string base64(const Bytes& data);
+void writeBytes(const std::filesystem::path& file, const Bytes& bytes);
+
+}  // namespace orvel::testing
