@@ -31,6 +31,10 @@
 
 namespace orvel {
 
+struct SeratoLibrary;
+struct SeratoFileTags;
+struct SeratoGridAnchor;
+
 // A file being added to the catalogue: the eleven columns every new row gets,
 // then what the file's own tags say. The tag fields are written only when the
 // row is new; a reused or reinstated row keeps the values it has.
@@ -91,6 +95,27 @@ struct ArtistAlbumGenre {
   int64_t id = 0;
   std::string artist, album, genre;
 };
+
+// What reading Serato's library added to the catalogue. Nothing is ever
+// removed, so all zero means the catalogue was already up to date.
+struct SeratoRefreshCounts {
+  int64_t tracksAdded = 0;   // rows made from "database V2"
+  int64_t tracksFilled = 0;  // existing rows whose empty fields were filled in
+  int64_t cratesAdded = 0;
+  int64_t addedLinks = 0;    // crate memberships
+  int64_t ghosts = 0;        // placeholders for crate members not in the catalogue
+  int64_t smartUpdated = 0;  // smart crates whose rule summary changed
+  int64_t tagsStored = 0;    // files whose cues or beat grid changed
+  int64_t skippedTrackChunks = 0;
+
+  bool anythingAdded() const {
+    return tracksAdded + tracksFilled + cratesAdded + addedLinks + ghosts + smartUpdated +
+               tagsStored >
+           0;
+  }
+};
+
+enum class TagsStored { changed, unchanged, failed };
 
 // Either the ids a SELECT produced or why it was refused.
 struct IdsOrError {
@@ -309,6 +334,25 @@ class OrvelDB {
   bool replaceSourceCues(int64_t trackId, int64_t sourceId, std::span<const CueRow> cues,
                          std::span<const BeatAnchor> grid);
   std::vector<BeatAnchor> beatGrid(int64_t trackId, std::optional<int64_t> sourceId) const;
+
+  // ---- Serato (serato_store.cpp) ------------------------------------------
+  // The source row named "serato", made on first use.
+  int64_t seratoSourceId(const std::string& detail = {});
+  // A file's Serato cues, loops and beat grid replace the ones stored for it
+  // under the Serato source; unchanged tags write nothing.
+  TagsStored storeFileTags(int64_t trackId, const SeratoFileTags& tags);
+  // Serato's grid markers as anchors in milliseconds, each with its tempo:
+  // the marker's own, else the beats to the next marker over the time to it.
+  static std::vector<BeatAnchor> gridFromSerato(std::span<const SeratoGridAnchor> anchors);
+  // In one transaction: the tracks of "database V2" (matched by path key; a
+  // new row gets Serato's fields and is marked missing when its file is not
+  // there; an existing row only has empty fields filled), then the crates.
+  // None on an SQL fault, with nothing written.
+  std::optional<SeratoRefreshCounts> foldSeratoTracks(const SeratoLibrary& library);
+  // Serato's crates as 'crate' nodes under the Serato source, nested by their
+  // name chains; members only ever added, unknown paths as placeholders;
+  // smart crates keep their rule summaries.
+  bool refreshSeratoCrates(const SeratoLibrary& library, SeratoRefreshCounts& counts);
 
   // ---- smart playlists (smart_playlists.cpp) ----------------------------
   // Track ids in the order the statement returns them; empty on SQL errors.

@@ -4,6 +4,8 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "core/formats/serato_tlv.h"
+
 namespace orvel::testing {
 
 Bytes bytesOf(std::string_view text) {
@@ -150,6 +152,54 @@ Bytes beatGridObject(const std::vector<std::pair<float, float>>& markers,
       concat({{0x01, 0x00}, u32be(declaredCount.value_or(static_cast<uint32_t>(markers.size())))});
   for (const auto& [position, tail] : markers) out = concat({out, f32be(position), f32be(tail)});
   out.push_back(0);  // footer
+  return out;
+}
+
+Bytes seratoTrackRecord(const SeratoFields& fields, std::optional<uint32_t> dateAdded) {
+  Bytes inner;
+  for (const auto& [tag, text] : fields) SeratoTLV::appendString(inner, tag, text);
+  if (dateAdded) SeratoTLV::appendU32(inner, "uadd", *dateAdded);
+  Bytes out;
+  SeratoTLV::appendBytes(out, "otrk", inner);
+  return out;
+}
+
+Bytes seratoDatabase(const std::vector<Bytes>& trackRecords) {
+  Bytes out;
+  SeratoTLV::appendString(out, "vrsn", "2.0/Serato Scratch LIVE Database");
+  for (const Bytes& r : trackRecords) out.insert(out.end(), r.begin(), r.end());
+  return out;
+}
+
+Bytes seratoCrate(const std::vector<std::string>& paths) {
+  Bytes out;
+  SeratoTLV::appendString(out, "vrsn", "1.0/Serato ScratchLive Crate");
+  for (const std::string& p : paths) {
+    Bytes inner;
+    SeratoTLV::appendString(inner, "ptrk", p.starts_with("/") ? p.substr(1) : p);
+    SeratoTLV::appendBytes(out, "otrk", inner);
+  }
+  return out;
+}
+
+Bytes seratoSmartCrate(const std::vector<SeratoRuleSpec>& rules, bool matchAll, bool live) {
+  Bytes out;
+  SeratoTLV::appendString(out, "vrsn", "1.0/Serato ScratchLive Smart Crate");
+  auto flag = [&](std::string_view tag, bool on) {
+    Bytes inner;
+    SeratoTLV::appendBytes(inner, "brut", Bytes{static_cast<uint8_t>(on ? 1 : 0)});
+    SeratoTLV::appendBytes(out, tag, inner);
+  };
+  flag("rart", matchAll);
+  flag("rlut", live);
+  for (const SeratoRuleSpec& r : rules) {
+    Bytes inner;
+    SeratoTLV::appendU32(inner, "urkt", r.field);
+    SeratoTLV::appendString(inner, "trft", r.condition);
+    if (r.text) SeratoTLV::appendString(inner, "trpt", *r.text);
+    if (r.number) SeratoTLV::appendU32(inner, "urpt", *r.number);
+    SeratoTLV::appendBytes(out, "rurt", inner);
+  }
   return out;
 }
 

@@ -49,6 +49,20 @@ Bytes markers2Object(const std::vector<Bytes>& entries, size_t nulPadding = 16);
 Bytes beatGridObject(const std::vector<std::pair<float, float>>& markers,
                      std::optional<uint32_t> declaredCount = std::nullopt);
 
+// Serato's library files, as TLV records.
+using SeratoFields = std::vector<std::pair<std::string, std::string>>;  // (tag, text)
+// One "otrk" record of "database V2" ({"pfil", "Users/a.mp3"}, {"tsng", …}).
+Bytes seratoTrackRecord(const SeratoFields& fields, std::optional<uint32_t> dateAdded = {});
+Bytes seratoDatabase(const std::vector<Bytes>& trackRecords);
+Bytes seratoCrate(const std::vector<std::string>& paths);
+struct SeratoRuleSpec {
+  uint32_t field = 0;
+  std::string condition{};
+  std::optional<std::string> text{};
+  std::optional<uint32_t> number{};
+};
+Bytes seratoSmartCrate(const std::vector<SeratoRuleSpec>& rules, bool matchAll, bool live);
+
 std::string base64(const Bytes& data);
 void writeBytes(const std::filesystem::path& file, const Bytes& bytes);
 

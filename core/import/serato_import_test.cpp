@@ -1,0 +1,179 @@
+#include "core/import/serato_import.h"
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+
+#include <nlohmann/json.hpp>
+
+#include "core/formats/serato_tags.h"
+#include "core/testing/serato_bytes.h"
+#include "core/testing/store_fixture.h"
+
+namespace orvel {
+namespace {
+
+using namespace orvel::testing;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using namespace std::string_literals;
+
+// A track file as Serato leaves it: an ID3 tag with its cues and grid, then
+// (stand-in) audio.
+Bytes taggedFile(const std::vector<Bytes>& markerEntries,
+                 const std::vector<std::pair<float, float>>& gridMarkers) {
+  std::vector<Id3Frame> frames;
+  frames.push_back({"GEOB", geobBody(0, encodedText("", 0), encodedText("Serato Markers2", 0),
+                                     markers2Object(markerEntries))});
+  if (!gridMarkers.empty())
+    frames.push_back({"GEOB", geobBody(0, encodedText("", 0), encodedText("Serato BeatGrid", 0),
+                                       beatGridObject(gridMarkers))});
+  return concat({id3Tag(4, frames), Bytes(4096, 0xFF)});
+}
+
+class SeratoImportTest : public StoreTest {
+ protected:
+  std::filesystem::path serato() const { return dir_ / "Music" / "_Serato_"; }
+  std::string music(const std::string& name) const { return (dir_ / "Music" / name).string(); }
+
+  // Two tracks with files, one whose file is gone, and a crate member Serato
+  // knows only by path.
+  void writeLibrary() {
+    writeBytes(music("a.mp3"),
+               taggedFile({markersEntry("CUE", cueBody(0, 1500, 0xCC, 0, 0, "Drop")),
+                           markersEntry("LOOP", loopBody(0, 30000, 38000, "Break"))},
+                          {{0.25f, 32}, {16.25f, 126}}));
+    writeBytes(music("b.mp3"), Bytes(100, 0xFF));
+    writeBytes(
+        serato() / "database V2",
+        seratoDatabase({seratoTrackRecord({{"pfil", music("a.mp3").substr(1)},
+                                           {"tsng", "Serato title"},
+                                           {"tgen", "House\0"s},
+                                           {"tbpm", "126.00"},
+                                           {"tlen", "05:12.50"},
+                                           {"tbit", "320.0kbps"},
+                                           {"tsmp", "44.1k"},
+                                           {"ttyp", "mp3"}},
+                                          1600000000),
+                        seratoTrackRecord({{"pfil", music("b.mp3")}, {"tsng", "B"}}),
+                        seratoTrackRecord({{"pfil", music("gone.mp3")}, {"tsng", "Gone"}})}));
+    writeBytes(serato() / "Subcrates" / "Deep%%House%%Vocal.crate",
+               seratoCrate({music("b.mp3"), music("a.mp3"), "/Volumes/USB/elsewhere.mp3"}));
+    writeBytes(serato() / "Subcrates" / "Deep.crate", seratoCrate({music("a.mp3")}));
+    writeBytes(serato() / "SmartCrates" / "Fast.scrate",
+               seratoSmartCrate({{15, "cond_greq_uint", {}, 124}, {7, "cond_con_str", "Ben", {}}},
+                                true, false));
+  }
+
+  std::vector<std::string> seratoCues(int64_t track) {
+    std::vector<std::string> out;
+    for (const CueRow& c : db().cues(track))
+      if (c.sourceId)
+        out.push_back(fmt::format("{} {} @{} +{} {} {}", c.kind, c.index, c.positionMs,
+                                  c.lengthMs.value_or(0), c.color, c.name));
+    return out;
+  }
+};
+
+TEST_F(SeratoImportTest, FoldsTracksCratesAndFileTagsThenIsUpToDate) {
+  // The user already has a.mp3, with a title of their own and a cue.
+  const int64_t a = add(music("a.mp3"), "My title");
+  ASSERT_TRUE(db().addManualCue(a, 999));
+  writeLibrary();
+
+  const SeratoImportResult first = readFromSerato(db(), serato());
+  ASSERT_EQ(first.outcome, SeratoImportResult::Outcome::updated) << first.message;
+  EXPECT_EQ(first.counts.tracksAdded, 2);
+  EXPECT_EQ(first.counts.tracksFilled, 1);
+  EXPECT_EQ(first.counts.ghosts, 1);
+  EXPECT_EQ(first.counts.cratesAdded, 4);  // Deep, House, Vocal, Fast
+  EXPECT_EQ(first.counts.addedLinks, 4);
+  EXPECT_EQ(first.counts.tagsStored, 1);
+  EXPECT_EQ(first.filesRead, 2);
+  EXPECT_THAT(first.message, HasSubstr("2 tracks added"));
+
+  // Never over the user's value; empty fields filled, NUL-terminated text tidied.
+  EXPECT_EQ(field(a, "title"), "My title");
+  EXPECT_EQ(field(a, "genre"), "House");
+  EXPECT_EQ(field(a, "bpm"), "126.0");
+  EXPECT_EQ(field(a, "duration_ms"), "312500");
+  const int64_t b = *db().trackId(music("b.mp3"));
+  EXPECT_EQ(field(b, "title"), "B");
+  EXPECT_EQ(field(b, "file_missing"), "0");
+  EXPECT_EQ(field(*db().trackId(music("gone.mp3")), "file_missing"), "1");
+  EXPECT_EQ(field(*db().trackId("/Volumes/USB/elsewhere.mp3"), "file_missing"), "1");
+
+  // The tree and the members in crate order.
+  const auto vocal = db().playlistByPath("Deep / House / Vocal");
+  ASSERT_TRUE(vocal);
+  EXPECT_EQ(db().playlistKind(*vocal), "crate");
+  EXPECT_THAT(db().playlistPaths(*vocal),
+              ElementsAre(music("b.mp3"), music("a.mp3"), "/Volumes/USB/elsewhere.mp3"));
+  EXPECT_THAT(db().playlistPaths(*db().playlistByPath("Deep")), ElementsAre(music("a.mp3")));
+  const auto fast = db().playlistByPath("Fast");
+  ASSERT_TRUE(fast);
+  Statement smart = db().prepare("SELECT smart_criteria, smart_info FROM playlists WHERE id = ?");
+  ASSERT_TRUE(smart.bind(1, *fast).step());
+  EXPECT_EQ(smart.text(0), "BPM is at least 124 AND Artist contains \u201CBen\u201D");
+  EXPECT_EQ(smart.text(1), "serato-smart");
+
+  // Serato's cues beside the user's; the grid's first stretch holds 32 beats
+  // in 16 s, so 120 BPM.
+  EXPECT_THAT(seratoCues(a),
+              ElementsAre("cue 0 @1500 +0 #CC0000 Drop", "loop 0 @30000 +8000  Break"));
+  EXPECT_EQ(db().cues(a).size(), 3u);
+  const auto source = db().seratoSourceId();
+  const auto grid = db().beatGrid(a, source);
+  ASSERT_EQ(grid.size(), 2u);
+  EXPECT_DOUBLE_EQ(grid[0].posMs, 250);
+  EXPECT_DOUBLE_EQ(grid[0].bpm, 120);
+  EXPECT_DOUBLE_EQ(grid[1].posMs, 16250);
+  EXPECT_DOUBLE_EQ(grid[1].bpm, 126);
+
+  const int64_t rows = db().count("tracks");
+  const SeratoImportResult second = readFromSerato(db(), serato());
+  EXPECT_EQ(second.outcome, SeratoImportResult::Outcome::upToDate);
+  EXPECT_EQ(second.message, kSeratoUpToDate);
+  EXPECT_EQ(db().count("tracks"), rows);
+  EXPECT_EQ(db().orderedTrackIds(*vocal).size(), 3u);
+
+  // Serato moved the cue: only that file's Serato cues are replaced.
+  writeBytes(music("a.mp3"),
+             taggedFile({markersEntry("CUE", cueBody(0, 2500, 0, 0xCC, 0, "Drop"))}, {}));
+  const SeratoImportResult third = readFromSerato(db(), serato());
+  EXPECT_EQ(third.counts.tagsStored, 1);
+  EXPECT_EQ(third.message, "Read from Serato: cues and grids from 1 file");
+  EXPECT_THAT(seratoCues(a), ElementsAre("cue 0 @2500 +0 #00CC00 Drop"));
+  EXPECT_TRUE(db().beatGrid(a, source).empty());
+  EXPECT_EQ(db().cues(a).size(), 2u);  // the user's cue is still there
+}
+
+TEST_F(SeratoImportTest, ReportsAMissingOrUnreadableLibrary) {
+  auto result = readFromSerato(db(), serato());
+  EXPECT_EQ(result.outcome, SeratoImportResult::Outcome::noLibrary);
+  EXPECT_EQ(result.message, "No Serato library on this Mac");
+  std::filesystem::create_directories(serato() / "database V2");
+  result = readFromSerato(db(), serato());
+  EXPECT_EQ(result.outcome, SeratoImportResult::Outcome::failed);
+  EXPECT_THAT(result.message, HasSubstr("Could not read Serato: "));
+  EXPECT_EQ(db().count("playlists"), 0);
+}
+
+TEST(SeratoGrid, AnchorsTakeTheirTempoFromTheBeatsToTheNext) {
+  const std::vector<SeratoGridAnchor> anchors{
+      {0.5, std::nullopt, 64}, {30.5, std::nullopt, 16}, {38.5, 124.0, std::nullopt}};
+  const auto grid = OrvelDB::gridFromSerato(anchors);
+  ASSERT_EQ(grid.size(), 3u);
+  EXPECT_DOUBLE_EQ(grid[0].bpm, 128);
+  EXPECT_DOUBLE_EQ(grid[1].bpm, 120);
+  EXPECT_DOUBLE_EQ(grid[2].bpm, 124);
+  // Damaged markers (NaN, a stretch of zero length) fall back to the tempo
+  // the grid ends with instead of writing nonsense.
+  const std::vector<SeratoGridAnchor> damaged{
+      {std::nan(""), std::nullopt, 4}, {1.0, std::nullopt, 4}, {1.0, 100.0, std::nullopt}};
+  const auto kept = OrvelDB::gridFromSerato(damaged);
+  ASSERT_EQ(kept.size(), 2u);
+  EXPECT_DOUBLE_EQ(kept[0].bpm, 100);
+}
+
+}  // namespace
+}  // namespace orvel

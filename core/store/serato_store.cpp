@@ -1,0 +1,401 @@
+// Folding Serato's library into the catalogue: its tracks, its crates and
+// smart crates, and the cues and beat grids kept in each file's tags. Every
+// step only adds or fills in; nothing the user set is overwritten, and
+// running it again changes nothing.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <filesystem>
+#include <map>
+#include <set>
+
+#include "core/formats/serato_library.h"
+#include "core/formats/serato_tags.h"
+#include "core/store/orvel_db.h"
+#include "core/text/split.h"
+
+namespace orvel {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Serato's texts often carry a trailing NUL; blanks and NULs around a value
+// are not part of it, and an empty value is no value.
+std::optional<std::string> tidy(const std::optional<std::string>& text) {
+  if (!text) return std::nullopt;
+  std::string_view v = *text;
+  while (!v.empty() && (v.front() == '\0' || v.front() == ' ' || v.front() == '\t'))
+    v.remove_prefix(1);
+  while (!v.empty() && (v.back() == '\0' || v.back() == ' ' || v.back() == '\t'))
+    v.remove_suffix(1);
+  if (v.empty()) return std::nullopt;
+  return std::string(v);
+}
+
+// The leading decimal number of a text ("320.0kbps" -> 320), if any.
+std::optional<double> leadingNumber(std::string_view text) {
+  text = trim(text);
+  double value = 0;
+  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (ec != std::errc() || end == text.data() || !std::isfinite(value)) return std::nullopt;
+  return value;
+}
+
+// "05:12.40", "1:02:03" or "312.4" seconds, as milliseconds.
+std::optional<int64_t> durationMs(const std::optional<std::string>& text) {
+  if (!text) return std::nullopt;
+  double seconds = 0;
+  for (std::string_view part : split(*text, ':')) {
+    const auto n = leadingNumber(part);
+    if (!n || *n < 0) return std::nullopt;
+    seconds = seconds * 60 + *n;
+  }
+  if (seconds <= 0 || seconds > 7 * 24 * 3600) return std::nullopt;
+  return std::llround(seconds * 1000);
+}
+
+std::optional<int64_t> bitrateKbps(const std::optional<std::string>& text) {
+  const auto n = text ? leadingNumber(*text) : std::nullopt;
+  if (!n || *n <= 0 || *n > 100000) return std::nullopt;
+  return std::llround(*n);
+}
+
+// "44.1k" or "44100".
+std::optional<int64_t> sampleRateHz(const std::optional<std::string>& text) {
+  auto n = text ? leadingNumber(*text) : std::nullopt;
+  if (!n || *n <= 0) return std::nullopt;
+  if (text->find_first_of("kK") != std::string::npos) *n *= 1000;
+  if (*n < 1000 || *n > 1e6) return std::nullopt;
+  return std::llround(*n);
+}
+
+// "9.6MB", "850.2KB", "1.1GB".
+std::optional<int64_t> sizeBytes(const std::optional<std::string>& text) {
+  const auto n = text ? leadingNumber(*text) : std::nullopt;
+  if (!n || *n <= 0) return std::nullopt;
+  const std::string unit = text->substr(text->find_first_not_of("0123456789. "));
+  double scale = 1;
+  if (unit.starts_with("K") || unit.starts_with("k")) scale = 1024;
+  if (unit.starts_with("M") || unit.starts_with("m")) scale = 1024.0 * 1024;
+  if (unit.starts_with("G") || unit.starts_with("g")) scale = 1024.0 * 1024 * 1024;
+  return std::llround(*n * scale);
+}
+
+std::optional<double> tempo(const std::optional<std::string>& text) {
+  const auto n = text ? leadingNumber(*text) : std::nullopt;
+  if (!n || *n < 20 || *n > 999) return std::nullopt;
+  return n;
+}
+
+// The catalogue's names for the container formats.
+std::optional<std::string> catalogueFileType(const std::optional<std::string>& text) {
+  if (!text) return std::nullopt;
+  std::string t;
+  for (char c : *text) t += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  if (t == "mp3") return "mp3";
+  if (t == "m4a" || t == "mp4" || t == "aac" || t == "alac") return "quicktime";
+  if (t == "wav") return "wave";
+  if (t == "aif" || t == "aiff") return "aiff";
+  return std::nullopt;
+}
+
+std::optional<int64_t> fileSize(const std::string& path) {
+  std::error_code ec;
+  const auto size = fs::file_size(path, ec);
+  if (ec) return std::nullopt;
+  return static_cast<int64_t>(size);
+}
+
+NewTrack newTrackFrom(const SeratoTrack& s) {
+  NewTrack t;
+  t.path = s.path;
+  t.title = tidy(s.title);
+  t.artist = tidy(s.artist);
+  t.album = tidy(s.album);
+  t.genre = tidy(s.genre);
+  t.comment = tidy(s.comment);
+  t.grouping = tidy(s.grouping);
+  t.label = tidy(s.label);
+  t.year = tidy(s.year);
+  t.key = tidy(s.key);
+  t.bpm = tempo(s.bpm);
+  t.durationMs = durationMs(s.durationText);
+  t.bitrateKbps = bitrateKbps(s.bitrateText);
+  t.samplerateHz = sampleRateHz(s.sampleRateText);
+  t.filesizeBytes = sizeBytes(s.sizeText);
+  t.fileType = catalogueFileType(s.fileType);
+  if (s.dateAddedUnix) t.dateAdded = *s.dateAddedUnix;
+  return t;
+}
+
+// Columns an existing row takes from Serato only while it has no value.
+struct FillColumn {
+  const char* column;
+  bool numeric;  // 0 counts as empty too
+};
+constexpr FillColumn kFillColumns[] = {
+    {"title", false},        {"artist", false},        {"album", false},
+    {"genre", false},        {"comment", false},       {"grouping", false},
+    {"label", false},        {"year", false},          {"key", false},
+    {"bpm", true},           {"duration_ms", true},    {"bitrate_kbps", true},
+    {"samplerate_hz", true}, {"filesize_bytes", true}, {"file_type", false},
+};
+
+std::string fillStatement() {
+  std::string set, any;
+  int n = 1;
+  for (const FillColumn& c : kFillColumns) {
+    const std::string empty = c.numeric ? fmt::format("({0} IS NULL OR {0} = 0)", c.column)
+                                        : fmt::format("({0} IS NULL OR {0} = '')", c.column);
+    set += fmt::format("{}{} = CASE WHEN {} THEN coalesce(?{}, {}) ELSE {} END",
+                       set.empty() ? "" : ", ", c.column, empty, n, c.column, c.column);
+    any += fmt::format("{}({} AND ?{} IS NOT NULL)", any.empty() ? "" : " OR ", empty, n);
+    ++n;
+  }
+  return fmt::format("UPDATE tracks SET {} WHERE id = ?{} AND ({})", set, n, any);
+}
+
+// The cue rows and grid anchors a file's Serato tags stand for.
+std::vector<CueRow> cueRowsOf(const SeratoFileTags& tags, int64_t sourceId) {
+  std::vector<CueRow> rows;
+  for (const SeratoCue& c : tags.cues) {
+    CueRow r;
+    r.sourceId = sourceId;
+    r.index = c.index;
+    r.positionMs = c.positionMs;
+    r.color = c.colorHex.value_or("");
+    r.name = c.name.value_or("");
+    r.kind = "cue";
+    rows.push_back(std::move(r));
+  }
+  for (const SeratoLoop& l : tags.loops) {
+    CueRow r;
+    r.sourceId = sourceId;
+    r.index = l.index;
+    r.positionMs = l.startMs;
+    r.lengthMs = std::max(0.0, l.endMs - l.startMs);
+    r.name = l.name.value_or("");
+    r.kind = "loop";
+    rows.push_back(std::move(r));
+  }
+  return rows;
+}
+
+}  // namespace
+
+std::vector<BeatAnchor> OrvelDB::gridFromSerato(std::span<const SeratoGridAnchor> anchors) {
+  std::vector<BeatAnchor> grid;
+  std::optional<double> lastTempo;
+  for (const SeratoGridAnchor& a : anchors)
+    if (a.bpm && std::isfinite(*a.bpm) && *a.bpm > 0) lastTempo = a.bpm;
+  for (size_t i = 0; i < anchors.size(); ++i) {
+    const SeratoGridAnchor& a = anchors[i];
+    if (!std::isfinite(a.positionSec)) continue;
+    std::optional<double> bpm;
+    if (a.bpm && std::isfinite(*a.bpm) && *a.bpm > 0) {
+      bpm = a.bpm;
+    } else if (a.beatsToNext && i + 1 < anchors.size()) {
+      // The stretch to the next marker holds this many beats.
+      const double span = anchors[i + 1].positionSec - a.positionSec;
+      const double b = *a.beatsToNext * 60.0 / span;
+      if (std::isfinite(b) && b > 0) bpm = b;
+    }
+    if (!bpm) bpm = lastTempo;
+    if (!bpm) continue;
+    grid.push_back({a.positionSec * 1000.0, *bpm});
+  }
+  return grid;
+}
+
+int64_t OrvelDB::seratoSourceId(const std::string& detail) {
+  if (auto id =
+          conn_.scalarInt("SELECT id FROM sources WHERE name='serato' ORDER BY id DESC LIMIT 1"))
+    return *id;
+  Statement st =
+      conn_.prepare("INSERT INTO sources(name, detail, imported_at) VALUES('serato', ?, ?)");
+  if (st.bind(1, detail).bind(2, unixNow()).stepCode() != SQLITE_DONE) return 0;
+  return conn_.lastInsertId();
+}
+
+TagsStored OrvelDB::storeFileTags(int64_t trackId, const SeratoFileTags& tags) {
+  const int64_t source = seratoSourceId();
+  const std::vector<CueRow> rows = cueRowsOf(tags, source);
+  const std::vector<BeatAnchor> grid = gridFromSerato(tags.gridAnchors);
+
+  // The same cues and grid as last time: nothing to write.
+  std::vector<CueRow> stored;
+  {
+    Statement st = conn_.cached(
+        "SELECT idx, position_ms, length_ms, color, name, kind FROM cues\n"
+        "WHERE track_id = ? AND source_id = ? ORDER BY id");
+    st.bind(1, trackId).bind(2, source);
+    while (st.step()) {
+      CueRow r;
+      r.index = st.int64(0);
+      r.positionMs = st.real(1);
+      r.lengthMs = st.optReal(2);
+      r.color = st.text(3);
+      r.name = st.text(4);
+      r.kind = st.text(5);
+      stored.push_back(std::move(r));
+    }
+  }
+  auto same = [](const CueRow& a, const CueRow& b) {
+    return a.index == b.index && a.positionMs == b.positionMs && a.lengthMs == b.lengthMs &&
+           a.color == b.color && a.name == b.name && a.kind == b.kind;
+  };
+  const std::vector<BeatAnchor> storedGrid = beatGrid(trackId, source);
+  const bool gridSame = std::equal(grid.begin(), grid.end(), storedGrid.begin(), storedGrid.end(),
+                                   [](const BeatAnchor& a, const BeatAnchor& b) {
+                                     return a.posMs == b.posMs && a.bpm == b.bpm;
+                                   });
+  if (gridSame && std::equal(rows.begin(), rows.end(), stored.begin(), stored.end(), same))
+    return TagsStored::unchanged;
+  return replaceSourceCues(trackId, source, rows, grid) ? TagsStored::changed : TagsStored::failed;
+}
+
+std::optional<SeratoRefreshCounts> OrvelDB::foldSeratoTracks(const SeratoLibrary& library) {
+  SeratoRefreshCounts counts;
+  counts.skippedTrackChunks = library.skippedTrackChunks;
+  Transaction tx(conn_);
+  const int64_t source = seratoSourceId(library.version);
+  Statement fill = conn_.cached(fillStatement());
+  for (const SeratoTrack& s : library.tracks) {
+    NewTrack t = newTrackFrom(s);
+    const bool present = fs::exists(s.path);
+    if (present) {
+      if (auto size = fileSize(s.path)) t.filesizeBytes = size;
+    }
+    Statement find = conn_.cached("SELECT id FROM tracks WHERE path_norm = ? LIMIT 1");
+    find.bind(1, normalizePath(s.path));
+    if (find.step()) {
+      const int64_t id = find.int64(0);
+      find.reset();
+      fill.reset();
+      fill.bind(1, t.title).bind(2, t.artist).bind(3, t.album).bind(4, t.genre);
+      fill.bind(5, t.comment).bind(6, t.grouping).bind(7, t.label).bind(8, t.year);
+      fill.bind(9, t.key).bind(10, t.bpm).bind(11, t.durationMs).bind(12, t.bitrateKbps);
+      fill.bind(13, t.samplerateHz).bind(14, t.filesizeBytes).bind(15, t.fileType);
+      static_assert(std::size(kFillColumns) == 15);
+      fill.bind(16, id);
+      if (fill.stepCode() != SQLITE_DONE) {
+        lastError_ = conn_.errorMessage();
+        return std::nullopt;
+      }
+      if (conn_.changes() > 0) ++counts.tracksFilled;
+      Statement link =
+          conn_.cached("INSERT OR IGNORE INTO track_sources(track_id, source_id) VALUES(?, ?)");
+      link.bind(1, id).bind(2, source).stepCode();
+      continue;
+    }
+    find.reset();
+    const auto id = insertImported(t, source);
+    if (!id) {
+      lastError_ = conn_.errorMessage();
+      return std::nullopt;
+    }
+    if (!present) {
+      Statement missing = conn_.cached("UPDATE tracks SET file_missing = 1 WHERE id = ?");
+      missing.bind(1, *id).stepCode();
+    }
+    ++counts.tracksAdded;
+  }
+  if (!refreshSeratoCrates(library, counts) || !tx.commit()) return std::nullopt;
+  return counts;
+}
+
+bool OrvelDB::refreshSeratoCrates(const SeratoLibrary& library, SeratoRefreshCounts& counts) {
+  Transaction tx(conn_);
+  const int64_t source = seratoSourceId(library.version);
+  std::map<std::pair<std::optional<int64_t>, std::string>, int64_t> nodes;
+  {
+    Statement st = conn_.prepare("SELECT id, parent_id, name FROM playlists WHERE source_id = ?");
+    st.bind(1, source);
+    while (st.step()) nodes.emplace(std::make_pair(st.optInt64(1), st.text(2)), st.int64(0));
+  }
+  Statement create = conn_.prepare(
+      "INSERT INTO playlists(source_id, parent_id, name, kind) VALUES(?,?,?,'crate')");
+  Statement find = conn_.prepare("SELECT id FROM tracks WHERE path_norm = ? LIMIT 1");
+  Statement ghost = conn_.prepare(
+      "INSERT INTO tracks(path, filename, file_missing) VALUES(?,?,1) ON CONFLICT DO NOTHING");
+  Statement members = conn_.prepare("SELECT track_id FROM playlist_tracks WHERE playlist_id = ?");
+  Statement link = conn_.prepare(
+      "INSERT OR IGNORE INTO playlist_tracks(playlist_id, track_id, position) VALUES(?,?,?)");
+  Statement smart =
+      conn_.prepare("UPDATE playlists SET smart_criteria = ?, smart_info = ? WHERE id = ?");
+
+  auto fail = [&] {
+    lastError_ = conn_.errorMessage();
+    return false;
+  };
+
+  for (const SeratoCrate& crate : library.crates) {
+    std::optional<int64_t> parent;
+    for (const std::string& name : crate.nameChain) {
+      auto it = nodes.find({parent, name});
+      if (it == nodes.end()) {
+        create.reset();
+        create.bind(1, source).bind(2, parent).bind(3, name);
+        if (create.stepCode() != SQLITE_DONE) return fail();
+        const int64_t id = freshRowId("playlists", conn_.lastInsertId());
+        it = nodes.emplace(std::make_pair(parent, name), id).first;
+        ++counts.cratesAdded;
+      }
+      parent = it->second;
+    }
+    if (!parent) continue;  // an empty chain names no crate
+    const int64_t crateId = *parent;
+
+    std::set<int64_t> present;
+    members.reset();
+    members.bind(1, crateId);
+    while (members.step()) present.insert(members.int64(0));
+    int64_t position = conn_
+                           .scalarInt(fmt::format("SELECT COALESCE(MAX(position), -1) + 1 FROM "
+                                                  "playlist_tracks WHERE playlist_id = {}",
+                                                  crateId))
+                           .value_or(0);
+    for (const std::string& path : crate.trackPaths) {
+      find.reset();
+      find.bind(1, normalizePath(path));
+      std::optional<int64_t> trackId;
+      if (find.step()) trackId = find.int64(0);
+      if (!trackId) {
+        ghost.reset();
+        ghost.bind(1, path).bind(2, std::string(lastPathComponent(path)));
+        if (ghost.stepCode() != SQLITE_DONE) return fail();
+        if (conn_.changes() == 0) continue;
+        trackId = conn_.lastInsertId();
+        ++counts.ghosts;
+      }
+      if (!present.insert(*trackId).second) continue;
+      link.reset();
+      link.bind(1, crateId).bind(2, *trackId).bind(3, position++);
+      if (link.stepCode() != SQLITE_DONE) return fail();
+      counts.addedLinks += conn_.changes();
+    }
+
+    if (crate.isSmart) {
+      std::string criteria;
+      for (const SeratoSmartRule& rule : crate.rules) {
+        if (!criteria.empty()) criteria += crate.matchAll ? " AND " : " OR ";
+        criteria += rule.summary();
+      }
+      const std::string info = crate.live ? "serato-smart-live" : "serato-smart";
+      Statement now = conn_.prepare(
+          "SELECT coalesce(smart_criteria,''), coalesce(smart_info,'') FROM playlists WHERE id = "
+          "?");
+      now.bind(1, crateId);
+      if (now.step() && now.text(0) == criteria && now.text(1) == info) continue;
+      smart.reset();
+      smart.bind(1, criteria).bind(2, info).bind(3, crateId);
+      if (smart.stepCode() != SQLITE_DONE) return fail();
+      ++counts.smartUpdated;
+    }
+  }
+  return tx.commit();
+}
+
+}  // namespace orvel
