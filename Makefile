@@ -6,7 +6,7 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 # CI turns warnings in Orvel's own code into errors.
 CMAKE_FLAGS := $(if $(CI),-DORVEL_WERROR=ON,)
 
-.PHONY: all deps configure build run demo test test-asan bench format tidy clean
+.PHONY: all deps configure build run demo test test-asan bench fuzz-build fuzz format tidy clean
 
 all: build
 
@@ -57,6 +57,34 @@ bench:
 	$(MAKE) build PRESET=release
 	build/release/bench/orvel_store_bench
 	build/release/bench/orvel_import_bench
+	build/release/bench/orvel_serato_bench
+
+# The fuzz targets are a clang-only CMake project of their own. `make fuzz`
+# runs each for FUZZ_SECONDS from the seeds fuzz/make_seeds.py writes; the
+# corpora grow in build/fuzz/corpus, whatever a fuzzer finds lands in
+# build/fuzz/findings/<target>/, and then the run fails.
+FUZZ_BUILD := build/fuzz
+FUZZ_SECONDS ?= 30
+# target:longest input. A tag carries whole Markers2 objects and a TLV file a
+# few tracks; the other two take one object or one text.
+FUZZ_TARGETS := id3_fuzz:4096 serato_markers_fuzz:2048 serato_tlv_fuzz:4096 encoding_fuzz:512
+
+fuzz-build:
+	cmake -S fuzz -B $(FUZZ_BUILD) -G Ninja -DCMAKE_CXX_COMPILER=clang++-14 >/dev/null
+	cmake --build $(FUZZ_BUILD) -j $(JOBS)
+
+fuzz: fuzz-build
+	python3 fuzz/make_seeds.py $(FUZZ_BUILD)/corpus
+	@status=0; for entry in $(FUZZ_TARGETS); do \
+	  target=$${entry%%:*}; maxlen=$${entry##*:}; \
+	  findings=$(FUZZ_BUILD)/findings/$$target; mkdir -p "$$findings"; \
+	  echo "== $$target, $(FUZZ_SECONDS) s"; \
+	  UBSAN_OPTIONS=print_stacktrace=1 $(FUZZ_BUILD)/$$target \
+	    -max_total_time=$(FUZZ_SECONDS) -timeout=10 -rss_limit_mb=2048 -max_len=$$maxlen \
+	    -dict=fuzz/$$target.dict -artifact_prefix="$$findings/" -print_final_stats=1 \
+	    $(FUZZ_BUILD)/corpus/$$target \
+	    || { status=1; echo "$$target failed; what it found is in $$findings"; }; \
+	done; exit $$status
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

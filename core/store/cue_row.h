@@ -33,6 +33,13 @@ struct BeatAnchor {
   double bpm = 0;
 };
 
+// One source's beat grid of a track.
+struct SourceGrid {
+  std::optional<int64_t> sourceId;  // none: made in Orvel
+  std::string sourceName;           // serato, orvel, …; "" without a source row
+  std::vector<BeatAnchor> anchors;
+};
+
 inline constexpr int kCueSlots = 8;
 inline constexpr int kAutoInIndex = 90;
 inline constexpr int kAutoOutIndex = 91;

@@ -32,6 +32,21 @@ CueRow readCue(const Statement& st) {
   return c;
 }
 
+// The anchors of a stored grid; entries that are not {pos_ms, bpm} numbers
+// are passed over, and text that is not a JSON array gives none.
+std::vector<BeatAnchor> parseAnchors(const std::string& json) {
+  std::vector<BeatAnchor> out;
+  const auto anchors = nlohmann::json::parse(json, nullptr, false);
+  if (!anchors.is_array()) return out;
+  for (const auto& a : anchors) {
+    if (!a.is_object() || !a.contains("pos_ms") || !a.contains("bpm") || !a["pos_ms"].is_number() ||
+        !a["bpm"].is_number())
+      continue;
+    out.push_back({a["pos_ms"].get<double>(), a["bpm"].get<double>()});
+  }
+  return out;
+}
+
 // The shortest text that reads back as the same double, for the journal.
 std::string realText(double v) {
   return fmt::format("{}", v);
@@ -288,16 +303,17 @@ std::vector<BeatAnchor> OrvelDB::beatGrid(int64_t trackId, std::optional<int64_t
   Statement st =
       conn_.prepare("SELECT anchors_json FROM beatgrids WHERE track_id = ? AND source_id IS ?");
   st.bind(1, trackId).bind(2, sourceId);
-  std::vector<BeatAnchor> out;
-  if (!st.step()) return out;
-  const auto anchors = nlohmann::json::parse(st.text(0), nullptr, false);
-  if (!anchors.is_array()) return out;
-  for (const auto& a : anchors) {
-    if (!a.is_object() || !a.contains("pos_ms") || !a.contains("bpm") || !a["pos_ms"].is_number() ||
-        !a["bpm"].is_number())
-      continue;
-    out.push_back({a["pos_ms"].get<double>(), a["bpm"].get<double>()});
-  }
+  if (!st.step()) return {};
+  return parseAnchors(st.text(0));
+}
+
+std::vector<SourceGrid> OrvelDB::beatGrids(int64_t trackId) const {
+  Statement st = conn_.prepare(
+      "SELECT g.source_id, COALESCE(s.name, ''), g.anchors_json FROM beatgrids g\n"
+      "LEFT JOIN sources s ON s.id = g.source_id WHERE g.track_id = ? ORDER BY g.rowid");
+  st.bind(1, trackId);
+  std::vector<SourceGrid> out;
+  while (st.step()) out.push_back({st.optInt64(0), st.text(1), parseAnchors(st.text(2))});
   return out;
 }
 

@@ -334,6 +334,8 @@ class OrvelDB {
   bool replaceSourceCues(int64_t trackId, int64_t sourceId, std::span<const CueRow> cues,
                          std::span<const BeatAnchor> grid);
   std::vector<BeatAnchor> beatGrid(int64_t trackId, std::optional<int64_t> sourceId) const;
+  // Every grid the track has, one per source, in the order they were stored.
+  std::vector<SourceGrid> beatGrids(int64_t trackId) const;
 
   // ---- Serato (serato_store.cpp) ------------------------------------------
   // The source row named "serato", made on first use.

@@ -31,6 +31,7 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
   addSmartCommands(app, ctx);
   addImportCommands(app, ctx);
   addConfigCommands(app, ctx);
+  addSeratoCommands(app, ctx);
 
   std::vector<const char*> argv{"orvel"};
   for (const auto& a : args) argv.push_back(a.c_str());

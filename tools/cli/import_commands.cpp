@@ -174,12 +174,11 @@ void addImportCommands(CLI::App& app, Context& ctx) {
                    "The media root for this import (default: the mediaRoot setting)")
       ->type_name("DIR");
   import->add_flag("--json", a->json, "The outcome as JSON: added ids, dupes, failures");
-  import->callback([&ctx, a] { runImport(ctx, *a);
-});
+  import->callback([&ctx, a] { runImport(ctx, *a); });
 
-auto* watch = app.add_subcommand(
-    "watch", "Watch the media root and import new audio files until interrupted");
-watch->callback([&ctx] { runWatch(ctx); });
-}  // namespace orvel::cli
+  auto* watch = app.add_subcommand(
+      "watch", "Watch the media root and import new audio files until interrupted");
+  watch->callback([&ctx] { runWatch(ctx); });
+}
 
 }  // namespace orvel::cli

@@ -1,0 +1,167 @@
+// Serato benchmark: a generated "_Serato_" folder of 100,000 tracks (every
+// field Serato writes) and 200 crates of 50, parsed, then folded into an
+// empty catalogue. Baselines from the same run: reading the database file's
+// bytes for the parse, and a bare prepared INSERT of the same rows in one
+// transaction for the fold.
+#include <benchmark/benchmark.h>
+#include <fmt/format.h>
+
+#include <fstream>
+#include <iterator>
+#include <memory>
+
+#include "bench/ratio_reporter.h"
+#include "bench/sample_catalogue.h"
+#include "core/formats/serato_library.h"
+#include "core/store/log.h"
+#include "core/store/orvel_db.h"
+#include "core/testing/serato_bytes.h"
+#include "core/testing/temp_dir.h"
+#include "core/testing/temp_home.h"
+
+// Benchmark functions follow Google Benchmark's BM_ naming.
+// NOLINTBEGIN(readability-identifier-naming)
+namespace orvel {
+namespace {
+
+constexpr int kTracks = 100'000;
+constexpr int kCrates = 200;
+constexpr int kCrateSize = 50;
+
+struct SeratoFolder {
+  testing::TempDir dir;
+  std::vector<sample::SampleTrack> tracks = sample::makeTracks(kTracks, 11, "/Users/dj/Music");
+  std::filesystem::path serato = dir.path() / "_Serato_";
+  size_t databaseBytes = 0;
+
+  SeratoFolder() {
+    std::vector<testing::Bytes> records;
+    records.reserve(tracks.size());
+    for (const auto& t : tracks) {
+      const NewTrack& f = t.file;
+      const int64_t ms = f.durationMs.value_or(0);
+      records.push_back(testing::seratoTrackRecord(
+          {{"ttyp", "mp3"},
+           {"pfil", f.path.substr(1)},
+           {"tsng", f.title.value_or("")},
+           {"tart", f.artist.value_or("")},
+           {"talb", f.album.value_or("")},
+           {"tgen", f.genre.value_or("")},
+           {"tbpm", fmt::format("{:.2f}", t.bpm)},
+           {"tkey", t.key},
+           {"ttyr", t.year},
+           {"tcom", t.comment},
+           {"tlen", fmt::format("{:02}:{:02}.{:02}", ms / 60000, ms / 1000 % 60, ms / 10 % 100)},
+           {"tbit", fmt::format("{}.0kbps", t.bitrate)},
+           {"tsmp", "44.1k"},
+           {"tsiz", fmt::format("{:.1f}MB", f.filesizeBytes.value_or(0) / 1048576.0)}},
+          1600000000u + static_cast<uint32_t>(records.size())));
+    }
+    const testing::Bytes database = testing::seratoDatabase(records);
+    databaseBytes = database.size();
+    testing::writeBytes(serato / "database V2", database);
+    for (int c = 0; c < kCrates; ++c) {
+      std::vector<std::string> paths;
+      for (int i = 0; i < kCrateSize; ++i)
+        paths.push_back(tracks[static_cast<size_t>((c * 7919 + i * 104729) % kTracks)].file.path);
+      const std::string name =
+          c % 4 == 0 ? fmt::format("Sets%%{}%%Crate {}", c / 40, c) : fmt::format("Crate {}", c);
+      testing::writeBytes(serato / "Subcrates" / (name + ".crate"), testing::seratoCrate(paths));
+    }
+  }
+};
+
+SeratoFolder& folder() {
+  static SeratoFolder f;
+  return f;
+}
+
+void BM_ReadDatabaseBytes(benchmark::State& state) {
+  for (auto _ : state) {
+    std::ifstream in(folder().serato / "database V2", std::ios::binary);
+    std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    benchmark::DoNotOptimize(bytes.data());
+  }
+}
+
+void BM_LoadSeratoLibrary(benchmark::State& state) {
+  for (auto _ : state) {
+    const SeratoLibrary lib = SeratoLibrary::load(folder().serato);
+    if (lib.tracks.size() != kTracks) state.SkipWithError("wrong track count");
+    benchmark::DoNotOptimize(lib.crates.data());
+  }
+  state.counters["tracks/s"] =
+      benchmark::Counter(kTracks, benchmark::Counter::kIsIterationInvariantRate);
+}
+
+void BM_BareInsert(benchmark::State& state) {
+  const auto& tracks = folder().tracks;
+  for (auto _ : state) {
+    state.PauseTiming();
+    testing::TempDir dir;
+    auto db = std::make_unique<OrvelDB>((dir.path() / "orvel.db").string());
+    state.ResumeTiming();
+    db->begin();
+    Statement ins = db->prepare(
+        "INSERT INTO tracks(path, filename, title, artist, album, genre, duration_ms, "
+        "filesize_bytes, date_added, bpm, key, year, comment, bitrate_kbps, samplerate_hz, "
+        "file_type) VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,'mp3')");
+    for (const auto& t : tracks) {
+      const NewTrack& f = t.file;
+      ins.reset();
+      ins.bind(1, f.path).bind(2, f.filename).bind(3, f.title).bind(4, f.artist).bind(5, f.album);
+      ins.bind(6, f.genre).bind(7, f.durationMs).bind(8, f.filesizeBytes).bind(9, int64_t{1});
+      ins.bind(10, t.bpm).bind(11, t.key).bind(12, t.year).bind(13, t.comment);
+      ins.bind(14, int64_t{t.bitrate}).bind(15, int64_t{44100});
+      ins.stepCode();
+    }
+    db->commit();
+    state.PauseTiming();
+    db.reset();
+    state.ResumeTiming();
+  }
+}
+
+void BM_FoldIntoEmptyCatalogue(benchmark::State& state) {
+  const SeratoLibrary lib = SeratoLibrary::load(folder().serato);
+  for (auto _ : state) {
+    state.PauseTiming();
+    testing::TempDir dir;
+    auto db = std::make_unique<OrvelDB>((dir.path() / "orvel.db").string());
+    state.ResumeTiming();
+    const auto counts = db->foldSeratoTracks(lib);
+    state.PauseTiming();
+    if (!counts || counts->tracksAdded != kTracks) state.SkipWithError("fold failed");
+    db.reset();
+    state.ResumeTiming();
+  }
+  state.counters["tracks/s"] =
+      benchmark::Counter(kTracks, benchmark::Counter::kIsIterationInvariantRate);
+}
+
+BENCHMARK(BM_ReadDatabaseBytes)->Unit(benchmark::kMillisecond)->Iterations(3)->Repetitions(3);
+BENCHMARK(BM_LoadSeratoLibrary)->Unit(benchmark::kMillisecond)->Iterations(3)->Repetitions(3);
+BENCHMARK(BM_BareInsert)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3);
+BENCHMARK(BM_FoldIntoEmptyCatalogue)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3);
+
+}  // namespace
+}  // namespace orvel
+// NOLINTEND(readability-identifier-naming)
+
+int main(int argc, char** argv) {
+  orvel::testing::TempHome home;
+  orvel::setNoteEcho(false);
+  benchmark::Initialize(&argc, argv);
+  fmt::print("Writing a Serato library of {} tracks and {} crates...\n", orvel::kTracks,
+             orvel::kCrates);
+  fmt::print("database V2: {:.1f} MB\n", static_cast<double>(orvel::folder().databaseBytes) / 1e6);
+  orvel::bench::RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  fmt::print("\nRatios against baselines from the same run:\n");
+  reporter.printRatio("load (read + parse) of database V2 and crates / read bytes",
+                      "BM_LoadSeratoLibrary", "BM_ReadDatabaseBytes", 0);
+  reporter.printRatio("fold 100,000 tracks + crates / bare INSERT of the rows",
+                      "BM_FoldIntoEmptyCatalogue", "BM_BareInsert", 0);
+  benchmark::Shutdown();
+  return 0;
+}

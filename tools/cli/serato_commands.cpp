@@ -1,0 +1,186 @@
+// orvel serato tags|import|send, orvel export xml.
+#include <fmt/format.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "app/crate_export.h"
+#include "core/formats/serato_tags.h"
+#include "core/import/serato_import.h"
+#include "tools/cli/commands.h"
+#include "tools/cli/progress.h"
+#include "tools/cli/table.h"
+
+namespace orvel::cli {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+template <typename T>
+json orNull(const std::optional<T>& v) {
+  return v ? json(*v) : json(nullptr);
+}
+
+json tagsJson(const SeratoFileTags& tags) {
+  json cues = json::array(), loops = json::array(), grid = json::array();
+  for (const SeratoCue& c : tags.cues)
+    cues.push_back({{"index", c.index},
+                    {"positionMs", c.positionMs},
+                    {"colorHex", orNull(c.colorHex)},
+                    {"name", orNull(c.name)}});
+  for (const SeratoLoop& l : tags.loops)
+    loops.push_back(
+        {{"index", l.index}, {"startMs", l.startMs}, {"endMs", l.endMs}, {"name", orNull(l.name)}});
+  for (const SeratoGridAnchor& a : tags.gridAnchors)
+    grid.push_back({{"positionSec", a.positionSec}, {"bpm", orNull(a.bpm)}});
+  return {{"cues", cues}, {"loops", loops}, {"gridAnchors", grid}};
+}
+
+void printTags(Context& ctx, const std::string& file, const SeratoFileTags& tags) {
+  if (tags.empty()) {
+    ctx.out << "No Serato cues, loops or beat grid in " << file << "\n";
+    return;
+  }
+  if (!tags.cues.empty()) {
+    Table table({{"SLOT", 4, true}, {"AT", 12, true}, {"COLOR", 7}, {"NAME", 40}});
+    for (const SeratoCue& c : tags.cues)
+      table.add({std::to_string(c.index), clockTime(c.positionMs), c.colorHex.value_or(""),
+                 c.name.value_or("")});
+    ctx.out << "Cues\n";
+    table.print(ctx.out);
+  }
+  if (!tags.loops.empty()) {
+    Table table({{"SLOT", 4, true}, {"FROM", 12, true}, {"TO", 12, true}, {"NAME", 40}});
+    for (const SeratoLoop& l : tags.loops)
+      table.add(
+          {std::to_string(l.index), clockTime(l.startMs), clockTime(l.endMs), l.name.value_or("")});
+    ctx.out << "Loops\n";
+    table.print(ctx.out);
+  }
+  if (!tags.gridAnchors.empty()) {
+    Table table({{"AT", 12, true}, {"BPM", 8, true}});
+    for (const SeratoGridAnchor& a : tags.gridAnchors)
+      table.add({clockTime(a.positionSec * 1000), a.bpm ? fmt::format("{:.2f}", *a.bpm) : ""});
+    ctx.out << "Beat grid\n";
+    table.print(ctx.out);
+  }
+}
+
+json countsJson(const SeratoImportResult& r) {
+  const SeratoRefreshCounts& c = r.counts;
+  return {{"tracksAdded", c.tracksAdded}, {"tracksFilled", c.tracksFilled},
+          {"cratesAdded", c.cratesAdded}, {"addedLinks", c.addedLinks},
+          {"ghosts", c.ghosts},           {"smartUpdated", c.smartUpdated},
+          {"tagsStored", c.tagsStored},   {"skippedTrackChunks", c.skippedTrackChunks},
+          {"filesRead", r.filesRead}};
+}
+
+struct SeratoArgs {
+  std::string file;
+  std::string dir;
+  std::string crate;
+  std::vector<std::string> crates;
+  bool json = false;
+};
+
+void runImport(Context& ctx, const SeratoArgs& a) {
+  const fs::path dir = a.dir.empty() ? defaultSeratoDir() : fs::path(a.dir);
+  OrvelDB& db = ctx.db();
+  InterruptGuard interrupt;
+  ProgressBar bar(ctx.err, ctx.errIsTerminal, "Reading Serato tags");
+  SeratoImportOptions opt;
+  opt.cancel = &InterruptGuard::flag();
+  opt.onProgress = [&](size_t done, size_t total) { bar.update(done, total, {}); };
+  const SeratoImportResult r = readFromSerato(db, dir, opt);
+  bar.clear();
+
+  using Outcome = SeratoImportResult::Outcome;
+  if (r.outcome == Outcome::noLibrary)
+    throw CliError(kFailed, fmt::format("{} (no folder {})", r.message, dir.string()));
+  if (r.outcome == Outcome::failed) throw CliError(kFailed, r.message);
+  if (a.json) {
+    ctx.out << jsonText({{"outcome", r.outcome == Outcome::updated ? "updated" : "upToDate"},
+                         {"message", r.message},
+                         {"counts", countsJson(r)}})
+            << "\n";
+  } else {
+    ctx.out << r.message << "\n";
+    if (r.counts.skippedTrackChunks > 0)
+      ctx.out << fmt::format("{} in Serato's database could not be read\n",
+                             countOf(static_cast<size_t>(r.counts.skippedTrackChunks), "record"));
+  }
+  if (r.cancelled)
+    throw CliError(kFailed, fmt::format("interrupted after {}; run it again for the rest",
+                                        countOf(static_cast<size_t>(r.filesRead), "file")));
+}
+
+void runSend(Context& ctx, const SeratoArgs& a) {
+  OrvelDB& db = ctx.db();
+  const int64_t crate = resolvePlaylist(db, a.crate);
+  const auto r = app::CrateExport::sendToSerato(ctx.dbPath(), crate, a.dir);
+  using Outcome = app::CrateExport::SendResult::Outcome;
+  if (r.outcome == Outcome::seratoRunning) throw CliError(kFailed, r.title + ": " + r.message);
+  if (r.outcome != Outcome::sent) throw CliError(kFailed, r.message);
+  ctx.out << r.output << "\n";
+}
+
+void runExportXml(Context& ctx, const SeratoArgs& a) {
+  OrvelDB& db = ctx.db();
+  std::vector<int64_t> ids;
+  for (const std::string& c : a.crates) ids.push_back(resolvePlaylist(db, c));
+  const auto r = app::CrateExport::exportXML(db, ids, a.file);
+  if (r.error) throw CliError(kFailed, *r.error);
+  ctx.out << fmt::format("Exported {} in {} to {}\n",
+                         countOf(static_cast<size_t>(r.tracks), "track"),
+                         countOf(static_cast<size_t>(r.playlists), "playlist"), a.file);
+}
+
+}  // namespace
+
+void addSeratoCommands(CLI::App& app, Context& ctx) {
+  auto a = std::make_shared<SeratoArgs>();
+  CLI::App* serato = app.add_subcommand("serato", "Serato DJ: file tags, library and crates");
+  serato->require_subcommand(1, 1);
+
+  CLI::App* tags = serato->add_subcommand(
+      "tags", "The cues, loops and beat grid Serato keeps in an audio file's tags");
+  tags->add_option("FILE", a->file, "An audio file")->required();
+  tags->add_flag("--json", a->json, "As JSON: cues, loops, gridAnchors");
+  tags->callback([&ctx, a] {
+    std::error_code ec;
+    if (!fs::is_regular_file(a->file, ec)) throw CliError(kFailed, "no such file: " + a->file);
+    const SeratoFileTags t = SeratoFileTags::read(a->file);
+    if (a->json)
+      ctx.out << jsonText(tagsJson(t)) << "\n";
+    else
+      printTags(ctx, a->file, t);
+  });
+
+  CLI::App* import = serato->add_subcommand(
+      "import", "Read Serato's library: tracks, crates, smart crates, cues and beat grids");
+  import->add_option("DIR", a->dir, "The _Serato_ folder (default: ~/Music/_Serato_)");
+  import->add_flag("--json", a->json, "The outcome and counts as JSON");
+  import->callback([&ctx, a] { runImport(ctx, *a);
+});
+
+CLI::App* send = serato->add_subcommand(
+    "send", "Write a crate or playlist into Serato's crates (Serato must not be running)");
+send->add_option("CRATE", a->crate, "Id or path")->required();
+send->add_option("--serato-dir", a->dir, "The _Serato_ folder (default: ~/Music/_Serato_)")
+    ->type_name("DIR");
+send->callback([&ctx, a] { runSend(ctx, *a); });
+
+CLI::App* exp = app.add_subcommand("export", "Export to other DJ software");
+exp->require_subcommand(1, 1);
+CLI::App* xml = exp->add_subcommand(
+    "xml", "Crates and playlists with their tracks, cues and tempo as a DJ collection XML file");
+xml->add_option("FILE", a->file, "The .xml file to write")->required();
+xml->add_option("--crate", a->crates,
+                "Only these crates or playlists (id or path), with what "
+                "is below them; default: all")
+    ->type_name("ID");
+xml->callback([&ctx, a] { runExportXml(ctx, *a); });
+}  // namespace orvel::cli
+
+}  // namespace orvel::cli
