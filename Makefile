@@ -25,15 +25,16 @@ run: build
 
 # Installs what is missing, builds, and shows Orvel on a sample library made
 # in a scratch folder: real audio files in several formats and nested
-# folders, tagged, then imported. HOME points there too, so nothing of yours
-# is touched.
+# folders, tagged, then imported; then a Serato library beside them read in
+# and the crates exported as DJ collection XML. HOME points there too, so
+# nothing of yours is touched.
 demo: deps build
 	@scratch=$$(mktemp -d "$${TMPDIR:-/tmp}/orvel-demo.XXXXXX"); \
 	export HOME="$$scratch" XDG_DATA_HOME="$$scratch/share" XDG_STATE_HOME="$$scratch/state" \
 	       XDG_CONFIG_HOME="$$scratch/config" XDG_CACHE_HOME="$$scratch/cache"; \
 	set -e; orvel="$(BUILD)/orvel --db $$scratch/orvel.db"; \
 	echo "== sample audio files in $$scratch/Music"; \
-	$(BUILD)/orvel-sample --audio "$$scratch/Music" --tracks 16; \
+	$(BUILD)/orvel-sample --audio "$$scratch/Music" --tracks 16 --serato "$$scratch/Music/_Serato_"; \
 	find "$$scratch/Music" -type f | sed "s|$$scratch/||" | sort | head -8; echo "   ..."; \
 	echo; echo "== orvel import $$scratch/Music"; $$orvel import "$$scratch/Music"; \
 	echo; echo "== orvel import $$scratch/Music (again)"; $$orvel import "$$scratch/Music"; \
@@ -45,6 +46,13 @@ demo: deps build
 	echo; echo "== orvel smart save --name Peak --rule bpm:gt:125 --limit 5 --limit-by artist"; \
 	$$orvel smart save --name Peak --rule bpm:gt:125 --limit 5 --limit-by artist; \
 	echo; echo "== orvel playlist show Peak"; $$orvel playlist show Peak; \
+	echo; echo "== orvel serato import   (Serato's library in $$scratch/Music/_Serato_)"; \
+	$$orvel serato import; \
+	echo; echo "== orvel serato import (again)"; $$orvel serato import; \
+	echo; echo "== orvel playlist tree"; $$orvel playlist tree; \
+	mp3=$$(find "$$scratch/Music" -name '*.mp3' | sort | head -1); \
+	echo; echo "== orvel serato tags $${mp3#$$scratch/}"; $$orvel serato tags "$$mp3"; \
+	echo; echo "== orvel export xml $$scratch/orvel.xml"; $$orvel export xml "$$scratch/orvel.xml"; \
 	echo; echo "== orvel info"; $$orvel info
 
 test: build

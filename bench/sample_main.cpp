@@ -6,16 +6,20 @@
 
 #include "bench/sample_audio.h"
 #include "bench/sample_catalogue.h"
+#include "bench/sample_serato.h"
 #include "core/store/log.h"
 
 int main(int argc, char** argv) {
   CLI::App app("Create a sample Orvel catalogue or a folder of sample audio files", "orvel-sample");
-  std::string db, audio;
+  std::string db, audio, serato;
   int tracks = 12;
   uint32_t seed = 2026;
   app.add_option("DB", db, "Catalogue file to create or add to");
   app.add_option("--audio", audio,
                  "Instead, write tagged audio files (MP3, FLAC, M4A, WAV, AIFF) under DIR")
+      ->type_name("DIR");
+  app.add_option("--serato", serato,
+                 "With --audio: also a Serato library folder (crates, cues in the MP3s) at DIR")
       ->type_name("DIR");
   app.add_option("--tracks", tracks, "How many tracks (default 12)")
       ->check(CLI::Range(1, 10'000'000));
@@ -28,8 +32,10 @@ int main(int argc, char** argv) {
   orvel::setNoteEcho(false);  // the new catalogue's upgrade notes go to the log only
   try {
     if (!audio.empty()) {
-      orvel::sample::writeAudioFiles(orvel::sample::makeTracks(tracks, seed, audio));
+      const auto songs = orvel::sample::makeTracks(tracks, seed, audio);
+      orvel::sample::writeAudioFiles(songs);
       orvel::sample::writeDemoExtras(audio);
+      if (!serato.empty()) orvel::sample::writeSeratoLibrary(songs, serato);
       std::cerr << "orvel-sample: wrote " << tracks << " tagged songs and a sample pack under "
                 << audio << "\n";
       return 0;

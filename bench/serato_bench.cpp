@@ -7,7 +7,6 @@
 #include <fmt/format.h>
 
 #include <fstream>
-#include <iterator>
 #include <memory>
 
 #include "bench/ratio_reporter.h"
@@ -77,9 +76,11 @@ SeratoFolder& folder() {
 }
 
 void BM_ReadDatabaseBytes(benchmark::State& state) {
+  const auto file = folder().serato / "database V2";
   for (auto _ : state) {
-    std::ifstream in(folder().serato / "database V2", std::ios::binary);
-    std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::vector<char> bytes(std::filesystem::file_size(file));
+    std::ifstream in(file, std::ios::binary);
+    in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     benchmark::DoNotOptimize(bytes.data());
   }
 }

@@ -1,0 +1,16 @@
+// A Serato library beside the demo's audio files, as Serato would leave it:
+// "_Serato_" with "database V2" listing the songs, two crates (one nested)
+// and a smart crate, and hot cues, a loop and a beat grid in the MP3s' tags.
+#pragma once
+
+#include <filesystem>
+#include <vector>
+
+#include "bench/sample_catalogue.h"
+
+namespace orvel::sample {
+
+void writeSeratoLibrary(const std::vector<SampleTrack>& tracks,
+                        const std::filesystem::path& seratoDir);
+
+}  // namespace orvel::sample
