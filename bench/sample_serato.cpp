@@ -45,28 +45,37 @@ void tagWithCues(const SampleTrack& t) {
 
 }  // namespace
 
+std::vector<uint8_t> seratoRecordOf(const SampleTrack& t, uint32_t dateAdded) {
+  const NewTrack& f = t.file;
+  const int64_t ms = f.durationMs.value_or(0);
+  return testing::seratoTrackRecord(
+      {{"ttyp", extensionOf(f.path)},
+       {"pfil", f.path.substr(1)},
+       {"tsng", f.title.value_or("")},
+       {"tart", f.artist.value_or("")},
+       {"talb", f.album.value_or("")},
+       {"tgen", f.genre.value_or("")},
+       {"tbpm", fmt::format("{:.2f}", t.bpm)},
+       {"tkey", t.key},
+       {"ttyr", t.year},
+       {"tcom", t.comment},
+       {"tlen", fmt::format("{:02}:{:02}.{:02}", ms / 60000, ms / 1000 % 60, ms / 10 % 100)},
+       {"tbit", fmt::format("{}.0kbps", t.bitrate)},
+       {"tsmp", "44.1k"},
+       {"tsiz",
+        fmt::format("{:.1f}MB", static_cast<double>(f.filesizeBytes.value_or(0)) / 1048576.0)}},
+      dateAdded);
+}
+
 void writeSeratoLibrary(const std::vector<SampleTrack>& tracks,
                         const std::filesystem::path& seratoDir) {
   std::vector<Bytes> records;
   std::vector<std::string> warmUp, peak;
   for (size_t i = 0; i < tracks.size(); ++i) {
     const SampleTrack& t = tracks[i];
-    const NewTrack& f = t.file;
-    const std::string ext = extensionOf(f.path);
-    if (ext == "mp3") tagWithCues(t);
-    const int64_t ms = f.durationMs.value_or(0);
-    records.push_back(testing::seratoTrackRecord(
-        {{"ttyp", ext},
-         {"pfil", f.path.substr(1)},
-         {"tsng", f.title.value_or("")},
-         {"tart", f.artist.value_or("")},
-         {"talb", f.album.value_or("")},
-         {"tgen", f.genre.value_or("")},
-         {"tbpm", fmt::format("{:.2f}", t.bpm)},
-         {"tkey", t.key},
-         {"tlen", fmt::format("{:02}:{:02}.{:02}", ms / 60000, ms / 1000 % 60, ms / 10 % 100)}},
-        1700000000u + static_cast<uint32_t>(i) * 86400u));
-    (t.bpm < 124 ? warmUp : peak).push_back(f.path);
+    if (extensionOf(t.file.path) == "mp3") tagWithCues(t);
+    records.push_back(seratoRecordOf(t, 1700000000u + static_cast<uint32_t>(i) * 86400u));
+    (t.bpm < 124 ? warmUp : peak).push_back(t.file.path);
   }
   testing::writeBytes(seratoDir / "database V2", testing::seratoDatabase(records));
   testing::writeBytes(seratoDir / "Subcrates" / "Gigs%%Warm-up.crate",

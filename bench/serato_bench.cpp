@@ -11,6 +11,7 @@
 
 #include "bench/ratio_reporter.h"
 #include "bench/sample_catalogue.h"
+#include "bench/sample_serato.h"
 #include "core/formats/serato_library.h"
 #include "core/store/log.h"
 #include "core/store/orvel_db.h"
@@ -36,26 +37,9 @@ struct SeratoFolder {
   SeratoFolder() {
     std::vector<testing::Bytes> records;
     records.reserve(tracks.size());
-    for (const auto& t : tracks) {
-      const NewTrack& f = t.file;
-      const int64_t ms = f.durationMs.value_or(0);
-      records.push_back(testing::seratoTrackRecord(
-          {{"ttyp", "mp3"},
-           {"pfil", f.path.substr(1)},
-           {"tsng", f.title.value_or("")},
-           {"tart", f.artist.value_or("")},
-           {"talb", f.album.value_or("")},
-           {"tgen", f.genre.value_or("")},
-           {"tbpm", fmt::format("{:.2f}", t.bpm)},
-           {"tkey", t.key},
-           {"ttyr", t.year},
-           {"tcom", t.comment},
-           {"tlen", fmt::format("{:02}:{:02}.{:02}", ms / 60000, ms / 1000 % 60, ms / 10 % 100)},
-           {"tbit", fmt::format("{}.0kbps", t.bitrate)},
-           {"tsmp", "44.1k"},
-           {"tsiz", fmt::format("{:.1f}MB", f.filesizeBytes.value_or(0) / 1048576.0)}},
-          1600000000u + static_cast<uint32_t>(records.size())));
-    }
+    for (const auto& t : tracks)
+      records.push_back(
+          sample::seratoRecordOf(t, 1600000000u + static_cast<uint32_t>(records.size())));
     const testing::Bytes database = testing::seratoDatabase(records);
     databaseBytes = database.size();
     testing::writeBytes(serato / "database V2", database);

@@ -31,13 +31,19 @@ std::vector<uint8_t> readWhole(const fs::path& file) {
   errno = 0;
   std::unique_ptr<std::FILE, FileCloser> f(std::fopen(file.c_str(), "rb"));
   if (!f) throw SeratoReadError(fmt::format("{}: {}", file.string(), std::strerror(errno)));
-  std::vector<uint8_t> bytes;
-  uint8_t buffer[1 << 16];
+  // Sized from the file first: a large database then costs one read and no
+  // copies. The loop still takes whatever is really there.
+  std::error_code ec;
+  const auto expected = fs::file_size(file, ec);
+  std::vector<uint8_t> bytes(ec ? size_t{1} << 16 : static_cast<size_t>(expected) + 1);
+  size_t got = 0;
   for (;;) {
-    const size_t n = std::fread(buffer, 1, sizeof buffer, f.get());
-    bytes.insert(bytes.end(), buffer, buffer + n);
-    if (n < sizeof buffer) break;
+    if (got == bytes.size()) bytes.resize(bytes.size() * 2);
+    const size_t n = std::fread(bytes.data() + got, 1, bytes.size() - got, f.get());
+    got += n;
+    if (n == 0) break;
   }
+  bytes.resize(got);
   if (std::ferror(f.get()))
     throw SeratoReadError(fmt::format("{}: {}", file.string(), std::strerror(errno)));
   return bytes;
@@ -128,50 +134,85 @@ SeratoLibrary SeratoLibrary::fromDatabase(std::span<const uint8_t> database) {
   return library;
 }
 
+namespace {
+
+constexpr uint32_t tagKey(std::string_view tag) {
+  return uint32_t{static_cast<uint8_t>(tag[0])} << 24 |
+         uint32_t{static_cast<uint8_t>(tag[1])} << 16 |
+         uint32_t{static_cast<uint8_t>(tag[2])} << 8 | uint32_t{static_cast<uint8_t>(tag[3])};
+}
+
+}  // namespace
+
 std::optional<SeratoTrack> SeratoLibrary::track(std::span<const SeratoField> fields) {
   SeratoTrack t;
   bool hasPath = false;
   for (const SeratoField& f : fields) {
-    if (f.tag == "uadd") {
+    if (f.tag.size() != 4) continue;
+    // A database holds millions of these records: one integer switch per
+    // field instead of a string comparison per known tag.
+    const uint32_t key = tagKey(f.tag);
+    if (key == tagKey("uadd")) {
       if (f.value.kind == SeratoValue::Kind::u32) t.dateAddedUnix = f.value.number;
       continue;
     }
     const std::string* text = f.value.asString();
     if (!text) continue;
-    const std::string& tag = f.tag;
-    if (tag == "pfil") {
-      t.path = absolute(*text);
-      hasPath = true;
-    } else if (tag == "tsng")
-      t.title = *text;
-    else if (tag == "tart")
-      t.artist = *text;
-    else if (tag == "talb")
-      t.album = *text;
-    else if (tag == "tgen")
-      t.genre = *text;
-    else if (tag == "tcom")
-      t.comment = *text;
-    else if (tag == "tgrp")
-      t.grouping = *text;
-    else if (tag == "tlbl")
-      t.label = *text;
-    else if (tag == "ttyr")
-      t.year = *text;
-    else if (tag == "tbpm")
-      t.bpm = *text;
-    else if (tag == "tkey")
-      t.key = *text;
-    else if (tag == "tlen")
-      t.durationText = *text;
-    else if (tag == "tbit")
-      t.bitrateText = *text;
-    else if (tag == "tsmp")
-      t.sampleRateText = *text;
-    else if (tag == "tsiz")
-      t.sizeText = *text;
-    else if (tag == "ttyp")
-      t.fileType = *text;
+    std::optional<std::string>* into = nullptr;
+    switch (key) {
+      case tagKey("pfil"):
+        t.path = absolute(*text);
+        hasPath = true;
+        break;
+      case tagKey("tsng"):
+        into = &t.title;
+        break;
+      case tagKey("tart"):
+        into = &t.artist;
+        break;
+      case tagKey("talb"):
+        into = &t.album;
+        break;
+      case tagKey("tgen"):
+        into = &t.genre;
+        break;
+      case tagKey("tcom"):
+        into = &t.comment;
+        break;
+      case tagKey("tgrp"):
+        into = &t.grouping;
+        break;
+      case tagKey("tlbl"):
+        into = &t.label;
+        break;
+      case tagKey("ttyr"):
+        into = &t.year;
+        break;
+      case tagKey("tbpm"):
+        into = &t.bpm;
+        break;
+      case tagKey("tkey"):
+        into = &t.key;
+        break;
+      case tagKey("tlen"):
+        into = &t.durationText;
+        break;
+      case tagKey("tbit"):
+        into = &t.bitrateText;
+        break;
+      case tagKey("tsmp"):
+        into = &t.sampleRateText;
+        break;
+      case tagKey("tsiz"):
+        into = &t.sizeText;
+        break;
+      case tagKey("ttyp"):
+        into = &t.fileType;
+        break;
+      default:
+        break;
+    }
+    if (into) *into = *text;
   }
   if (!hasPath) return std::nullopt;
   return t;

@@ -63,7 +63,15 @@ std::optional<std::string> utf16ToUtf8(std::span<const uint8_t> bytes, Utf16 for
                : uint32_t{bytes[at + 1]} << 8 | bytes[at];
   };
   std::string out;
-  out.reserve(bytes.size() / 2);
+  out.resize((bytes.size() - i) / 2);
+  // Most of what we decode is ASCII: one byte per unit, written in place.
+  size_t n = 0;
+  for (; i < bytes.size(); i += 2, ++n) {
+    const uint32_t u = unit(i);
+    if (u >= 0x80) break;
+    out[n] = static_cast<char>(u);
+  }
+  out.resize(n);
   for (; i < bytes.size(); i += 2) {
     uint32_t u = unit(i);
     if (u >= 0xD800 && u <= 0xDBFF) {
