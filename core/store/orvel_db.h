@@ -8,7 +8,8 @@
 // backup), schema.cpp (the upgrade), tracks.cpp (adding, loading, editing),
 // track_data.cpp (plays, fingerprints, options, release fields, tags, lookups),
 // relink.cpp (merging and relinking moved files), playlists.cpp (the tree and
-// its members), cues.cpp (cues, loops, beat grids), smart_playlists.cpp.
+// its members), cues.cpp (cues, loops, beat grids), smart_playlists.cpp,
+// serato_store.cpp (Serato's library and file tags folded in).
 #pragma once
 
 #include <cstdint>
