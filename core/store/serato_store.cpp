@@ -264,10 +264,10 @@ std::optional<SeratoRefreshCounts> OrvelDB::foldSeratoTracks(const SeratoLibrary
   Statement fill = conn_.cached(fillStatement());
   for (const SeratoTrack& s : library.tracks) {
     NewTrack t = newTrackFrom(s);
-    const bool present = fs::exists(s.path);
-    if (present) {
-      if (auto size = fileSize(s.path)) t.filesizeBytes = size;
-    }
+    // One stat answers both: is the file there, and how big is it really.
+    const auto size = fileSize(s.path);
+    const bool present = size.has_value();
+    if (present) t.filesizeBytes = size;
     Statement find = conn_.cached("SELECT id FROM tracks WHERE path_norm = ? LIMIT 1");
     find.bind(1, normalizePath(s.path));
     if (find.step()) {
@@ -325,6 +325,8 @@ bool OrvelDB::refreshSeratoCrates(const SeratoLibrary& library, SeratoRefreshCou
       "INSERT OR IGNORE INTO playlist_tracks(playlist_id, track_id, position) VALUES(?,?,?)");
   Statement smart =
       conn_.prepare("UPDATE playlists SET smart_criteria = ?, smart_info = ? WHERE id = ?");
+  Statement current = conn_.prepare(
+      "SELECT coalesce(smart_criteria,''), coalesce(smart_info,'') FROM playlists WHERE id = ?");
 
   auto fail = [&] {
     lastError_ = conn_.errorMessage();
@@ -384,11 +386,9 @@ bool OrvelDB::refreshSeratoCrates(const SeratoLibrary& library, SeratoRefreshCou
         criteria += rule.summary();
       }
       const std::string info = crate.live ? "serato-smart-live" : "serato-smart";
-      Statement now = conn_.prepare(
-          "SELECT coalesce(smart_criteria,''), coalesce(smart_info,'') FROM playlists WHERE id = "
-          "?");
-      now.bind(1, crateId);
-      if (now.step() && now.text(0) == criteria && now.text(1) == info) continue;
+      current.reset();
+      current.bind(1, crateId);
+      if (current.step() && current.text(0) == criteria && current.text(1) == info) continue;
       smart.reset();
       smart.bind(1, criteria).bind(2, info).bind(3, crateId);
       if (smart.stepCode() != SQLITE_DONE) return fail();
