@@ -6,7 +6,7 @@
 //
 // The operations are implemented by area: orvel_db.cpp (opening, statements,
 // backup), schema.cpp (the upgrade), tracks.cpp (adding, loading, editing),
-// track_data.cpp (plays, fingerprints, options, release fields, tags, lookups),
+// track_data.cpp (plays, fingerprints, waveforms, options, release fields, tags, lookups),
 // relink.cpp (merging and relinking moved files), playlists.cpp (the tree and
 // its members), cues.cpp (cues, loops, beat grids), smart_playlists.cpp,
 // serato_store.cpp (Serato's library and file tags folded in).
@@ -248,6 +248,10 @@ class OrvelDB {
 
   std::vector<std::pair<int64_t, std::string>> tracksNeedingFingerprint(int64_t limit) const;
   void setRawFingerprint(int64_t trackId, const std::vector<uint8_t>& bytes);
+
+  // The stored overview waveform (3,200 bytes), none when never computed.
+  std::optional<std::vector<uint8_t>> waveform(int64_t trackId) const;
+  void setWaveform(int64_t trackId, const std::vector<uint8_t>& peaks);
 
   std::optional<std::string> trackOptions(int64_t trackId) const;
   std::optional<std::string> setTrackOptions(int64_t trackId, const std::string& json);

@@ -49,6 +49,18 @@ void OrvelDB::setRawFingerprint(int64_t trackId, const std::vector<uint8_t>& byt
   st.bindBlob(1, bytes).bind(2, trackId).stepCode();
 }
 
+std::optional<std::vector<uint8_t>> OrvelDB::waveform(int64_t trackId) const {
+  Statement st = conn_.prepare("SELECT peaks FROM waveforms WHERE track_id=?");
+  st.bind(1, trackId);
+  if (!st.step()) return std::nullopt;
+  return st.blob(0);
+}
+
+void OrvelDB::setWaveform(int64_t trackId, const std::vector<uint8_t>& peaks) {
+  Statement st = conn_.prepare("INSERT OR REPLACE INTO waveforms(track_id, peaks) VALUES(?,?)");
+  st.bind(1, trackId).bindBlob(2, peaks).stepCode();
+}
+
 std::optional<std::string> OrvelDB::trackOptions(int64_t trackId) const {
   Statement st = conn_.prepare("SELECT json FROM track_options WHERE track_id=?");
   st.bind(1, trackId);
