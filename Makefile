@@ -24,9 +24,10 @@ run: build
 	$(BUILD)/orvel $(ARGS)
 
 # Installs what is missing, builds, and shows Orvel on a sample library made
-# in a scratch folder: real audio files in several formats and nested
-# folders, tagged, then imported; then a Serato library beside them read in
-# and the crates exported as DJ collection XML. HOME points there too, so
+# in a scratch folder: real audio files (generated music) in several formats
+# and nested folders, tagged, then imported and analysed, with a waveform
+# picture per track; then a Serato library beside them read in and the
+# crates exported as DJ collection XML. HOME points there too, so
 # nothing of yours is touched.
 demo: deps build
 	@scratch=$$(mktemp -d "$${TMPDIR:-/tmp}/orvel-demo.XXXXXX"); \
@@ -34,11 +35,19 @@ demo: deps build
 	       XDG_CONFIG_HOME="$$scratch/config" XDG_CACHE_HOME="$$scratch/cache"; \
 	set -e; orvel="$(BUILD)/orvel --db $$scratch/orvel.db"; \
 	echo "== sample audio files in $$scratch/Music"; \
-	$(BUILD)/orvel-sample --audio "$$scratch/Music" --tracks 16 --serato "$$scratch/Music/_Serato_"; \
+	$(BUILD)/orvel-sample --audio "$$scratch/Music" --tracks 16 --music 20 --serato "$$scratch/Music/_Serato_"; \
 	find "$$scratch/Music" -type f | sed "s|$$scratch/||" | sort | head -8; echo "   ..."; \
 	echo; echo "== orvel import $$scratch/Music"; $$orvel import "$$scratch/Music"; \
 	echo; echo "== orvel import $$scratch/Music (again)"; $$orvel import "$$scratch/Music"; \
+	echo; echo "== orvel analyze   (tempo, key, cues, waveform, defects, fingerprint)"; $$orvel analyze; \
 	echo; echo "== orvel ls"; $$orvel ls; \
+	mkdir -p "$$scratch/Waveforms"; \
+	for id in $$($$orvel ls --json | python3 -c 'import json,sys; print(*[t["id"] for t in json.load(sys.stdin)])'); do \
+	  $$orvel waveform $$id --png "$$scratch/Waveforms/$$id.png" >/dev/null; done; \
+	echo; echo "== waveform pictures in $$scratch/Waveforms"; ls "$$scratch/Waveforms" | head -4; echo "   ..."; \
+	echo; echo "== orvel waveform 1"; $$orvel waveform 1; \
+	echo; echo "== orvel show 1"; $$orvel show 1; \
+	echo; echo "== orvel key label 8A --notation both"; $$orvel key label 8A --notation both; \
 	$(BUILD)/orvel-sample --audio "$$scratch/Downloads" --tracks 2 --seed 9 2>/dev/null; \
 	echo; echo "== orvel import --copy --media-root $$scratch/Media $$scratch/Downloads"; \
 	$$orvel import --copy --media-root "$$scratch/Media" "$$scratch/Downloads"; \
@@ -66,6 +75,9 @@ bench:
 	build/release/bench/orvel_store_bench
 	build/release/bench/orvel_import_bench
 	build/release/bench/orvel_serato_bench
+	build/release/bench/orvel_analysis_bench
+	build/release/bench/orvel_key_bench
+	build/release/bench/orvel_defect_bench
 
 # The fuzz targets are a clang-only CMake project of their own. `make fuzz`
 # runs each for FUZZ_SECONDS from the seeds fuzz/make_seeds.py writes; the

@@ -3,8 +3,13 @@
 #include <fmt/format.h>
 
 #include <fstream>
+#include <stdexcept>
 
+#include "app/audio/audio_file_writer.h"
+#include "app/audio/testing/synth.h"
 #include "core/testing/audio_files.h"
+#include "core/testing/temp_dir.h"
+#include "core/text/key_names.h"
 #include "core/text/split.h"
 
 namespace orvel::sample {
@@ -24,8 +29,10 @@ AudioFormat formatFor(const std::string& path) {
 
 }  // namespace
 
-void writeAudioFiles(const std::vector<SampleTrack>& tracks) {
-  for (const auto& t : tracks) {
+void writeAudioFiles(const std::vector<SampleTrack>& tracks, double musicSeconds) {
+  testing::TempDir scratch;
+  for (size_t i = 0; i < tracks.size(); ++i) {
+    const SampleTrack& t = tracks[i];
     testing::AudioTags tags;
     tags.title = t.file.title;
     tags.artist = t.file.artist;
@@ -35,7 +42,27 @@ void writeAudioFiles(const std::vector<SampleTrack>& tracks) {
     tags.bpm = fmt::format("{:.0f}", t.bpm);
     tags.key = t.key;
     if (!t.comment.empty()) tags.comment = t.comment;
-    testing::writeAudioFile(t.file.path, formatFor(t.file.path), tags);
+    if (musicSeconds <= 0) {
+      testing::writeAudioFile(t.file.path, formatFor(t.file.path), tags);
+      continue;
+    }
+    audio::testing::MusicSpec spec;
+    spec.bpm = t.bpm;
+    spec.seconds = musicSeconds;
+    spec.seed = uint32_t(i + 1);
+    if (auto key = MusicKey::parse(KeyColor::standardName(t.key).value_or(t.key))) {
+      spec.tonic = key->first;
+      spec.minor = key->second;
+    }
+    if (i % 2 == 1) {
+      tags.bpm.reset();
+      tags.key.reset();
+    }
+    const auto mono = audio::testing::music(spec);
+    const auto wav = scratch.path() / "music.wav";
+    if (!audio::writeWav(wav, std::vector<std::vector<float>>{mono, mono}, spec.rate))
+      throw std::runtime_error("cannot write " + wav.string());
+    testing::writeAudioFileFrom(wav, t.file.path, formatFor(t.file.path), tags);
   }
 }
 

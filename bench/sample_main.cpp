@@ -14,6 +14,7 @@ int main(int argc, char** argv) {
   std::string db, audio, serato;
   int tracks = 12;
   uint32_t seed = 2026;
+  double music = 0;
   app.add_option("DB", db, "Catalogue file to create or add to");
   app.add_option("--audio", audio,
                  "Instead, write tagged audio files (MP3, FLAC, M4A, WAV, AIFF) under DIR")
@@ -24,6 +25,11 @@ int main(int argc, char** argv) {
   app.add_option("--tracks", tracks, "How many tracks (default 12)")
       ->check(CLI::Range(1, 10'000'000));
   app.add_option("--seed", seed, "Seed of the generator");
+  app.add_option("--music", music,
+                 "With --audio: SECONDS of generated music per song at its tempo and in its key "
+                 "(default: a two-second tone)")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.0, 600.0));
   CLI11_PARSE(app, argc, argv);
   if (db.empty() == audio.empty()) {
     std::cerr << "orvel-sample: give either a catalogue DB or --audio DIR\n";
@@ -33,7 +39,7 @@ int main(int argc, char** argv) {
   try {
     if (!audio.empty()) {
       const auto songs = orvel::sample::makeTracks(tracks, seed, audio);
-      orvel::sample::writeAudioFiles(songs);
+      orvel::sample::writeAudioFiles(songs, music);
       orvel::sample::writeDemoExtras(audio);
       if (!serato.empty()) orvel::sample::writeSeratoLibrary(songs, serato);
       std::cerr << "orvel-sample: wrote " << tracks << " tagged songs and a sample pack under "

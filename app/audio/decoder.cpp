@@ -351,6 +351,30 @@ std::optional<MultiChannelAudio> Decoder::decodeChannels(const std::filesystem::
   return out;
 }
 
+std::vector<float> resample(std::span<const float> mono, int fromRate, int toRate) {
+  if (fromRate <= 0 || toRate <= 0) return {};
+  if (fromRate == toRate) return {mono.begin(), mono.end()};
+  SwrContext* raw = nullptr;
+  AVChannelLayout layout = AV_CHANNEL_LAYOUT_MONO;
+  if (swr_alloc_set_opts2(&raw, &layout, AV_SAMPLE_FMT_FLT, toRate, &layout, AV_SAMPLE_FMT_FLT,
+                          fromRate, 0, nullptr) < 0)
+    return {};
+  SwrPtr swr(raw);
+  if (swr_init(raw) < 0) return {};
+  std::vector<float> out(size_t(double(mono.size()) * toRate / fromRate) + 256);
+  const auto* in = reinterpret_cast<const uint8_t*>(mono.data());
+  auto* dst = reinterpret_cast<uint8_t*>(out.data());
+  const int got = swr_convert(raw, &dst, int(out.size()), &in, int(mono.size()));
+  if (got < 0) return {};
+  size_t total = size_t(got);
+  // What the filter still holds.
+  uint8_t* tail = reinterpret_cast<uint8_t*>(out.data() + total);
+  const int more = swr_convert(raw, &tail, int(out.size() - total), nullptr, 0);
+  if (more > 0) total += size_t(more);
+  out.resize(total);
+  return out;
+}
+
 void toInt16(std::span<const float> in, std::vector<int16_t>& out) {
   out.resize(in.size());
   for (size_t i = 0; i < in.size(); ++i) out[i] = toInt16(in[i]);

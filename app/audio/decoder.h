@@ -80,6 +80,9 @@ class Decoder {
   static std::optional<MultiChannelAudio> decodeChannels(const std::filesystem::path& path);
 };
 
+// Mono audio at another rate, through FFmpeg's resampler; empty on failure.
+std::vector<float> resample(std::span<const float> mono, int fromRate, int toRate);
+
 // Float to 16-bit as FFmpeg's converter does it: scaled by 32768, rounded to
 // nearest, clipped. Used wherever a 16-bit view of float audio is needed so
 // that every path gives the same integers.

@@ -15,7 +15,9 @@ double levelOf(double rms) {
   return std::clamp((20.0 * std::log10(std::max(rms, 0.00001)) + 29.0) / 30.0, 0.0, 1.0);
 }
 
-uint8_t levelByte(double rms) { return uint8_t(levelOf(rms) * 255.0); }
+uint8_t levelByte(double rms) {
+  return uint8_t(levelOf(rms) * 255.0);
+}
 
 uint8_t bandByte(double band, double total) {
   return uint8_t(std::pow(band / (total + 0.000001), 0.6) * 255.0);
@@ -64,7 +66,8 @@ std::optional<std::vector<uint8_t>> WaveformLoader::compute(std::span<const int1
   return blobOf(samples.size(), [&](size_t i) { return samples[i]; });
 }
 
-std::optional<std::vector<uint8_t>> WaveformLoader::computeFromFloat(std::span<const float> samples) {
+std::optional<std::vector<uint8_t>> WaveformLoader::computeFromFloat(
+    std::span<const float> samples) {
   return blobOf(samples.size(), [&](size_t i) { return toInt16(samples[i]); });
 }
 
@@ -74,7 +77,8 @@ bool LoupeAudio::ensure(const std::filesystem::path& path, double centerSec) {
     if (centerSec >= startSec_ + kMarginSeconds && centerSec <= end - kMarginSeconds) return true;
   }
   const double start = std::max(0.0, centerSec - kLeadSeconds);
-  auto audio = Decoder::decodeMono(path, {.rate = kRate, .startSec = start, .maxSeconds = kSpanSeconds});
+  auto audio =
+      Decoder::decodeMono(path, {.rate = kRate, .startSec = start, .maxSeconds = kSpanSeconds});
   ++decodes_;
   if (!audio) return !samples_.empty() && path == path_;
   set(std::move(audio->samples), start, audio->rate, path);
@@ -89,7 +93,8 @@ void LoupeAudio::set(std::vector<float> samples, double startSec, int rate,
   path_ = std::move(path);
 }
 
-std::vector<LoupeAudio::Column> LoupeAudio::columns(double centerMs, double spanMs, int count) const {
+std::vector<LoupeAudio::Column> LoupeAudio::columns(double centerMs, double spanMs,
+                                                    int count) const {
   if (samples_.empty() || rate_ <= 0 || count < 1) return {};
   const double from = centerMs / 1000.0 - spanMs / 2000.0 - startSec_;
   const double width = spanMs / 1000.0 / count;

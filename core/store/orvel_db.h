@@ -9,7 +9,8 @@
 // track_data.cpp (plays, fingerprints, waveforms, options, release fields, tags, lookups),
 // relink.cpp (merging and relinking moved files), playlists.cpp (the tree and
 // its members), cues.cpp (cues, loops, beat grids), smart_playlists.cpp,
-// serato_store.cpp (Serato's library and file tags folded in).
+// serato_store.cpp (Serato's library and file tags folded in), defects.cpp
+// (what defect scans found and the user's verdicts on it).
 #pragma once
 
 #include <cstdint>
@@ -25,6 +26,7 @@
 #include "core/store/connection.h"
 #include "core/store/crate_node.h"
 #include "core/store/cue_row.h"
+#include "core/store/defect_row.h"
 #include "core/store/journal.h"
 #include "core/store/smart_rules.h"
 #include "core/store/snapshots.h"
@@ -375,6 +377,22 @@ class OrvelDB {
   // A live smart playlist evaluated now, its stored members updated to match;
   // none for a playlist that is not live or whose rules do not load.
   std::optional<std::vector<int64_t>> refreshSmartPlaylist(int64_t playlistId);
+
+  // ---- defect scans (defects.cpp) -----------------------------------------
+  // The tables are made on first use, so any catalogue can take a scan.
+  void ensureDefectSchema() const;
+  // A track's new findings replace its old ones whole, and the scan is
+  // remembered (when, how many found) even when it found nothing. False, with
+  // nothing written, on an SQL fault.
+  bool recordDefectScan(int64_t trackId, std::span<const DefectRow> findings, int64_t scannedAt);
+  // The track's findings in time order.
+  std::vector<DefectRow> defects(int64_t trackId) const;
+  std::vector<int64_t> tracksWithDefects() const;
+  // Every track scanned at least once, whatever it found.
+  std::vector<int64_t> scannedTracks() const;
+  // kDefectFixed or kDefectIgnored, replacing the track's earlier verdict.
+  bool setDefectStatus(int64_t trackId, std::string_view status, int64_t at);
+  std::map<int64_t, std::string> defectStatuses() const;
 
   // ---- snapshots ----------------------------------------------------------
   // Before a bulk destructive change: a snapshot unless one is under a

@@ -26,6 +26,11 @@ std::string_view extensionFor(AudioFormat format);
 void writeAudioFile(const std::filesystem::path& path, AudioFormat format,
                     const AudioTags& tags = {});
 
+// The same with the audio of a WAV file (no quote characters in the paths),
+// encoded into the format.
+void writeAudioFileFrom(const std::filesystem::path& wav, const std::filesystem::path& path,
+                        AudioFormat format, const AudioTags& tags = {});
+
 // The untagged encoded tone, as bytes (for tests that build tags by hand).
 std::string audioBody(AudioFormat format);
 

@@ -32,6 +32,7 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
   addImportCommands(app, ctx);
   addConfigCommands(app, ctx);
   addSeratoCommands(app, ctx);
+  addAnalysisCommands(app, ctx);
 
   std::vector<const char*> argv{"orvel"};
   for (const auto& a : args) argv.push_back(a.c_str());

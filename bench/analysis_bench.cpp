@@ -1,0 +1,156 @@
+// Analysis measured against its peers, on audio generated here:
+//  (a) the in-process pass (tempo, built-in key, waveform, defect scan,
+//      fingerprint from one decode) against decoding alone with
+//      `ffmpeg -threads 1 … -f null -`, and the whole pass with the key
+//      helper as a real-time factor on one core;
+//  (b) tempo accuracy of our analyser next to `aubio tempo` on music with
+//      known tempi.
+// Needs the `ffmpeg`, `aubio` and orvel-keyfinder programs; prints Markdown.
+#include <fmt/format.h>
+
+#include <chrono>
+#include <cmath>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "app/audio/analysis_pass.h"
+#include "app/audio/audio_file_writer.h"
+#include "app/audio/subprocess.h"
+#include "app/audio/tempo.h"
+#include "app/audio/testing/synth.h"
+#include "core/testing/temp_dir.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace orvel::audio;
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point t) {
+  return std::chrono::duration<double>(Clock::now() - t).count();
+}
+
+bool encodeMp3(const fs::path& wav, const fs::path& mp3) {
+  auto r = runProcess({"/usr/bin/ffmpeg", "-v", "error", "-y", "-i", wav.string(), "-codec:a",
+                       "libmp3lame", "-b:a", "320k", mp3.string()});
+  return r && r->exitStatus == 0;
+}
+
+double ffmpegDecodeSeconds(const fs::path& file) {
+  const auto t = Clock::now();
+  auto r = runProcess(
+      {"/usr/bin/ffmpeg", "-v", "error", "-threads", "1", "-i", file.string(), "-f", "null", "-"});
+  return r && r->exitStatus == 0 ? secondsSince(t) : NAN;
+}
+
+// Within 4 %, counting double and half time as right (a DJ reads either).
+bool tempoRight(double found, double truth) {
+  for (double f : {1.0, 2.0, 0.5})
+    if (std::abs(found * f - truth) <= truth * 0.04) return true;
+  return false;
+}
+
+void passBench(const fs::path& dir, const fs::path& helper, int files, double seconds) {
+  std::vector<fs::path> mp3s;
+  for (int i = 0; i < files; ++i) {
+    testing::MusicSpec spec;
+    spec.bpm = 90 + i * 7;
+    spec.tonic = i % 12;
+    spec.minor = i % 2;
+    spec.seconds = seconds;
+    spec.seed = uint32_t(i + 1);
+    const fs::path wav = dir / fmt::format("p{}.wav", i);
+    writeWav(wav, std::vector<std::vector<float>>{testing::music(spec), testing::music(spec)},
+             spec.rate);
+    mp3s.push_back(dir / fmt::format("p{}.mp3", i));
+    if (!encodeMp3(wav, mp3s.back())) {
+      fmt::print("ffmpeg could not encode the test files; skipping (a)\n");
+      return;
+    }
+    fs::remove(wav);
+  }
+  double ffmpeg = 0, decode = 0, pass = 0, withHelper = 0, audio = 0;
+  for (const fs::path& f : mp3s) {
+    ffmpeg += ffmpegDecodeSeconds(f);
+    auto t = Clock::now();
+    auto mono = Decoder::decodeMono(f);
+    decode += secondsSince(t);
+    audio += mono ? mono->seconds() : 0;
+    t = Clock::now();
+    auto r = analyseFile(f, {});
+    pass += secondsSince(t);
+    if (!r.readable) fmt::print("could not analyse {}\n", f.string());
+    PassSettings full;
+    full.analyzer.keyHelper = helper;
+    t = Clock::now();
+    analyseFile(f, full);
+    withHelper += secondsSince(t);
+  }
+  const double n = double(files);
+  fmt::print(
+      "\n(a) one pass per file, {} MP3 files (320 kbit/s stereo) of {:.0f} s, one thread\n\n",
+      files, seconds);
+  fmt::print("| measure | per file | x ffmpeg decode | x real time |\n|---|---|---|---|\n");
+  auto row = [&](const char* what, double total) {
+    fmt::print("| {} | {:.0f} ms | {:.2f}x | {:.0f}x |\n", what, total / n * 1000, total / ffmpeg,
+               audio / total);
+  };
+  row("`ffmpeg -threads 1 -i F -f null -`", ffmpeg);
+  row("our decode alone (mono float)", decode);
+  row("pass: decode, tempo, built-in key, waveform, scan, fingerprint", pass);
+  row("pass with the key helper", withHelper);
+  fmt::print(
+      "\nbudget: pass <= 1.5x ffmpeg decode ({}); with helper >= 100x real time per core ({})\n",
+      pass / ffmpeg <= 1.5 ? "met" : "NOT met", audio / withHelper >= 100 ? "met" : "NOT met");
+}
+
+void tempoBench(const fs::path& dir) {
+  int ours = 0, aubio = 0, total = 0;
+  double oursErr = 0, aubioErr = 0;
+  fmt::print(
+      "\n(b) tempo, 30 s pieces at known tempi (right: within 4 %, double/half allowed)\n\n");
+  fmt::print("| true BPM | ours | aubio tempo |\n|---|---|---|\n");
+  for (int i = 0; i < 24; ++i) {
+    testing::MusicSpec spec;
+    spec.bpm = 78 + i * 4.1;
+    spec.tonic = (i * 5) % 12;
+    spec.minor = i % 3 == 0;
+    spec.seconds = 30;
+    spec.seed = uint32_t(100 + i);
+    const auto samples = testing::music(spec);
+    const fs::path wav = dir / fmt::format("t{}.wav", i);
+    writeWav(wav, samples, spec.rate);
+    const auto found = detectBPM(samples, spec.rate, 180);
+    auto r = runProcess({"/usr/bin/aubio", "tempo", wav.string()});
+    double theirs = NAN;
+    if (r && r->exitStatus == 0) theirs = std::atof(r->out.c_str());
+    ++total;
+    const double mine = found.value_or(NAN);
+    ours += tempoRight(mine, spec.bpm);
+    aubio += tempoRight(theirs, spec.bpm);
+    auto err = [&](double v) {
+      double best = INFINITY;
+      for (double f : {1.0, 2.0, 0.5}) best = std::min(best, std::abs(v * f - spec.bpm) / spec.bpm);
+      return std::isfinite(best) ? best : 1.0;
+    };
+    oursErr += err(mine);
+    aubioErr += err(theirs);
+    fmt::print("| {:.1f} | {:.2f} | {:.2f} |\n", spec.bpm, mine, theirs);
+    fs::remove(wav);
+  }
+  fmt::print("| **right** | **{}/{}** | **{}/{}** |\n", ours, total, aubio, total);
+  fmt::print("| mean error (after double/half) | {:.2f} % | {:.2f} % |\n", oursErr / total * 100,
+             aubioErr / total * 100);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int files = argc > 1 ? std::atoi(argv[1]) : 6;
+  const double seconds = argc > 2 ? std::atof(argv[2]) : 180;
+  orvel::testing::TempDir dir;
+  passBench(dir.path(), ORVEL_KEYFINDER, files, seconds);
+  tempoBench(dir.path());
+  return 0;
+}

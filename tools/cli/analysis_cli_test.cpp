@@ -1,0 +1,111 @@
+#include <QImage>
+
+#include "app/audio/audio_file_writer.h"
+#include "app/audio/testing/synth.h"
+#include "tools/cli/cli_fixture.h"
+
+namespace orvel::cli {
+namespace {
+
+using ::testing::HasSubstr;
+
+// Two real tracks: 124 BPM music in A minor with a dropout, and a tagged one
+// whose tempo and key are the user's; the fixture's other tracks have no file.
+class AnalysisCliTest : public CliTest {
+ protected:
+  void SetUp() override {
+    CliTest::SetUp();
+    audio::testing::MusicSpec spec;
+    spec.bpm = 124;
+    spec.tonic = 9;
+    spec.minor = true;
+    spec.seconds = 12;
+    auto music = audio::testing::music(spec);
+    audio::testing::addDropout(music, 44100 * 5, 44100 / 20);
+    music_ = (dir_ / "music.wav").string();
+    ASSERT_TRUE(audio::writeWav(music_, music, spec.rate));
+    tagged_ = (dir_ / "tagged.wav").string();
+    ASSERT_TRUE(audio::writeWav(tagged_, audio::testing::music(spec), spec.rate));
+    m_ = add(music_, "Music");
+    t_ = add(tagged_, "Tagged");
+    db().setAnalysis(t_, std::string("F#"), 100.0);
+    db().execChecked("UPDATE tracks SET file_missing = 1 WHERE path LIKE '/music/%'");
+    db_.reset();
+  }
+  std::string music_, tagged_;
+  int64_t m_ = 0, t_ = 0;
+};
+
+TEST_F(AnalysisCliTest, AnalyzeFillsWhatIsMissingOnceAndKeepsTheUsersValues) {
+  const json results = orvelJson({"analyze", "--jobs", "2"});
+  ASSERT_EQ(results.size(), 2u);
+  const Result again = orvel({"analyze"});
+  EXPECT_EQ(again.code, 0);
+  EXPECT_THAT(again.out, HasSubstr("Every track is analysed"));
+
+  const json m = track(m_);
+  EXPECT_NEAR(m["bpm"].get<double>(), 124, 124 * 0.02);
+  EXPECT_EQ(m["key"], "Am");
+  ASSERT_EQ(m["defects"].size(), 1u);
+  EXPECT_EQ(m["defects"][0]["kind"], "dropout");
+  EXPECT_NEAR(m["defects"][0]["positionMs"].get<double>(), 5000, 1);
+  bool autoIn = false, autoOut = false;
+  for (const json& c : m["cues"]) {
+    autoIn |= c["name"] == "AUTO IN";
+    autoOut |= c["name"] == "AUTO OUT";
+  }
+  EXPECT_TRUE(autoIn && autoOut) << m["cues"].dump();
+
+  const json t = track(t_);
+  EXPECT_EQ(t["key"], "F#");
+  EXPECT_EQ(t["bpm"], 100.0);
+
+  // Reading the store directly: one waveform and one fingerprint per analysed file.
+  EXPECT_EQ(db().scalarInt("SELECT COUNT(*) FROM waveforms"), 2);
+  EXPECT_EQ(db().scalarInt("SELECT COUNT(*) FROM track_fingerprints WHERE length(fp_raw) > 0"), 2);
+  EXPECT_EQ(db().scalarInt("SELECT COUNT(*) FROM defect_scans"), 2);
+}
+
+TEST_F(AnalysisCliTest, UnknownOrUnreadableTargetsFail) {
+  Result r = orvel({"analyze", "/nowhere/else.mp3"});
+  EXPECT_EQ(r.code, 1);
+  EXPECT_THAT(r.err, HasSubstr("not in the catalogue"));
+  r = orvel({"analyze", std::to_string(a_)});  // its file does not exist
+  EXPECT_EQ(r.code, 1);
+  EXPECT_THAT(r.err, HasSubstr("could not be read"));
+  EXPECT_FALSE(db().waveform(a_));
+}
+
+TEST_F(AnalysisCliTest, WaveformPictureAndScan) {
+  const std::string png = (dir_ / "w.png").string();
+  Result r =
+      orvel({"waveform", std::to_string(m_), "--png", png, "--width", "400", "--height", "100"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  QImage image(QString::fromStdString(png));
+  ASSERT_FALSE(image.isNull());
+  EXPECT_EQ(image.width(), 400);
+  EXPECT_EQ(image.height(), 100);
+  // The middle row is drawn across the music; the top rows stay background.
+  EXPECT_NE(image.pixel(200, 50), image.pixel(200, 2));
+  // Computed once and kept.
+  EXPECT_TRUE(db().waveform(m_));
+  EXPECT_EQ(orvelJson({"waveform", music_})["columns"].size(), 800u);
+
+  r = orvel({"scan", std::to_string(m_)});
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_THAT(r.out, HasSubstr("1 dropout"));
+  r = orvel({"repair", std::to_string(t_)});
+  EXPECT_EQ(r.code, 1);
+  EXPECT_THAT(r.err, HasSubstr("Nothing damaged to repair"));
+}
+
+TEST_F(AnalysisCliTest, KeyLabelsAndTransposing) {
+  EXPECT_EQ(orvel({"key", "label", "Abm", "--notation", "camelot"}).out, "1A\n");
+  EXPECT_EQ(orvel({"key", "label", "8A", "--notation", "both"}).out, "Am  \u00b7  8A\n");
+  EXPECT_EQ(orvel({"key", "transpose", "Am", "-2"}).out, "Gm\n");
+  EXPECT_EQ(orvel({"key", "label", "H"}).code, 1);
+  EXPECT_EQ(orvel({"key", "label", "C", "--notation", "roman"}).code, 2);
+}
+
+}  // namespace
+}  // namespace orvel::cli
