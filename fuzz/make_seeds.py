@@ -234,6 +234,38 @@ def encoding_seeds():
     }
 
 
+# --- WAV files for orvel-keyfinder ---------------------------------------------
+
+
+def riff_chunk(name, body):
+    pad = b"\0" if len(body) % 2 else b""
+    return name.encode("ascii") + struct.pack("<I", len(body)) + body + pad
+
+
+def wav_file(fmt_body, data, extra=b""):
+    chunks = extra + riff_chunk("fmt ", fmt_body) + riff_chunk("data", data)
+    return riff_chunk("RIFF", b"WAVE" + chunks)
+
+
+def wav_fmt(tag, channels, rate, bits):
+    block = channels * bits // 8
+    return struct.pack("<HHIIHH", tag, channels, rate, rate * block, block, bits)
+
+
+def wav_seeds():
+    guid_tail = bytes.fromhex("000000001000800000aa00389b71")
+    extensible = wav_fmt(0xFFFE, 2, 48000, 24) + struct.pack("<HHIH", 22, 24, 3, 1) + guid_tail
+    return {
+        "pcm16_stereo": wav_file(wav_fmt(1, 2, 44100, 16),
+                                 struct.pack("<8h", 0, 1, -1, 300, -300, 32767, -32768, 5)),
+        "float_mono": wav_file(wav_fmt(3, 1, 44100, 32),
+                               struct.pack("<4f", 0.0, 0.5, -0.25, 1.0)),
+        "pcm24_extensible": wav_file(extensible, bytes(range(24))),
+        "pcm32_with_list": wav_file(wav_fmt(1, 1, 22050, 32), struct.pack("<3i", 1, -1, 1 << 30),
+                                    riff_chunk("LIST", b"INFOISFT\x03\0\0\0ab\0")),
+    }
+
+
 def main(argv):
     root = pathlib.Path(__file__).resolve().parent.parent
     out = pathlib.Path(argv[1]) if len(argv) > 1 else root / "build" / "fuzz" / "corpus"
@@ -242,6 +274,7 @@ def main(argv):
         "serato_markers_fuzz": markers_seeds(),
         "serato_tlv_fuzz": tlv_seeds(),
         "encoding_fuzz": encoding_seeds(),
+        "wav_reader_fuzz": wav_seeds(),
     }
     for target, seeds in targets.items():
         folder = out / target
