@@ -27,9 +27,26 @@ std::vector<double> windowLevels(std::span<const float> samples, size_t window) 
   return levels;
 }
 
-double thresholdOf(const std::vector<double>& levels) {
+double thresholdOf(std::span<const double> levels) {
   const double loudest = *std::max_element(levels.begin(), levels.end());
   return std::max(loudest * std::pow(10.0, -Analyzer::kEdgeDecibels / 20.0), kSilence);
+}
+
+std::optional<double> firstLoud(std::span<const double> levels) {
+  if (levels.empty()) return std::nullopt;
+  const double threshold = thresholdOf(levels);
+  for (size_t w = 0; w < levels.size(); ++w)
+    if (levels[w] >= threshold) return double(w) * Analyzer::kEdgeWindowSeconds * 1000.0;
+  return std::nullopt;
+}
+
+std::optional<double> lastLoud(std::span<const double> levels, double startSec) {
+  if (levels.empty()) return std::nullopt;
+  const double threshold = thresholdOf(levels);
+  for (size_t w = levels.size(); w-- > 0;)
+    if (levels[w] >= threshold)
+      return (startSec + double(w + 1) * Analyzer::kEdgeWindowSeconds) * 1000.0;
+  return std::nullopt;
 }
 
 }  // namespace
@@ -60,12 +77,8 @@ std::optional<std::string> Analyzer::key(std::span<const float> samples, int rat
 }
 
 std::optional<double> Analyzer::leadIn(std::span<const float> samples, int rate) {
-  const auto levels = windowLevels(samples, size_t(kEdgeWindowSeconds * rate));
-  if (levels.empty() || rate <= 0) return std::nullopt;
-  const double threshold = thresholdOf(levels);
-  for (size_t w = 0; w < levels.size(); ++w)
-    if (levels[w] >= threshold) return double(w) * kEdgeWindowSeconds * 1000.0;
-  return std::nullopt;
+  if (rate <= 0) return std::nullopt;
+  return firstLoud(windowLevels(samples, size_t(kEdgeWindowSeconds * rate)));
 }
 
 std::optional<double> Analyzer::tailOut(std::span<const float> samples, int rate, double startSec) {
@@ -93,8 +106,14 @@ AnalysisResult Analyzer::analyze(const MonoAudio& audio, const AnalyzerSettings&
   const auto head = all.first(std::min(all.size(), size_t(kMaxSeconds * audio.rate)));
   r.bpm = detectBPM(head, audio.rate, settings.bpmCeiling);
   r.key = key(head, audio.rate, settings.keyHelper);
-  r.inMs = leadIn(head, audio.rate);
-  r.outMs = tailOut(all, audio.rate);
+  // One set of window levels serves both ends: the in cue is judged on the
+  // stretch the tempo and key come from, the out cue on everything decoded.
+  if (audio.rate > 0) {
+    const auto levels = windowLevels(all, size_t(kEdgeWindowSeconds * audio.rate));
+    const size_t headWindows = size_t(double(head.size()) / (kEdgeWindowSeconds * audio.rate));
+    r.inMs = firstLoud(std::span<const double>(levels).first(std::min(headWindows, levels.size())));
+    r.outMs = lastLoud(levels, 0);
+  }
   return r;
 }
 

@@ -107,13 +107,20 @@ class Converter {
     // A stream whose channel count changes midway keeps its first layout;
     // the odd frames are left out rather than misread.
     if (frame->ch_layout.nb_channels != channels_) return true;
+    // Most lossy decoders already give planar float at the file's rate; then
+    // the frame's own planes are read and the converter is left out.
+    if (frame->format == AV_SAMPLE_FMT_FLTP && frame->sample_rate == outRate_) {
+      for (int c = 0; c < channels_; ++c)
+        sources_[size_t(c)] = reinterpret_cast<const float*>(frame->extended_data[c]);
+      return deliver(sources_.data(), frame->nb_samples);
+    }
     const int room = swr_get_out_samples(swr_.get(), frame->nb_samples);
     if (!reserve(room)) return false;
     const int got =
         swr_convert(swr_.get(), planes_.data(), room,
                     const_cast<const uint8_t**>(frame->extended_data), frame->nb_samples);
     if (got < 0) return false;
-    return deliver(got);
+    return deliver(converted(), got);
   }
 
   bool flush() {
@@ -122,7 +129,7 @@ class Converter {
     if (room <= 0) return true;
     if (!reserve(room)) return false;
     const int got = swr_convert(swr_.get(), planes_.data(), room, nullptr, 0);
-    return got < 0 ? false : deliver(got);
+    return got < 0 ? false : deliver(converted(), got);
   }
 
  private:
@@ -141,6 +148,7 @@ class Converter {
     if (made < 0) return false;
     swr_.reset(raw);
     outPlanes_.resize(size_t(channels_));
+    sources_.resize(size_t(channels_));
     return swr_init(raw) >= 0;
   }
 
@@ -156,7 +164,12 @@ class Converter {
     return true;
   }
 
-  bool deliver(int got) {
+  const float* const* converted() {
+    for (int c = 0; c < channels_; ++c) sources_[size_t(c)] = buffers_[size_t(c)].data();
+    return sources_.data();
+  }
+
+  bool deliver(const float* const* planes, int got) {
     size_t first = 0;
     size_t count = size_t(got);
     // Drop what lies before the requested start.
@@ -172,16 +185,16 @@ class Converter {
     if (request_.mono) {
       mono_.resize(count);
       const float scale = 1.0f / float(channels_);
-      std::copy_n(buffers_[0].data() + first, count, mono_.data());
+      std::copy_n(planes[0] + first, count, mono_.data());
       for (int c = 1; c < channels_; ++c) {
-        const float* src = buffers_[size_t(c)].data() + first;
+        const float* src = planes[c] + first;
         for (size_t i = 0; i < count; ++i) mono_[i] += src[i];
       }
       if (channels_ > 1)
         for (float& x : mono_) x *= scale;
       out[0] = mono_.data();
     } else {
-      for (int c = 0; c < channels_; ++c) out[size_t(c)] = buffers_[size_t(c)].data() + first;
+      for (int c = 0; c < channels_; ++c) out[size_t(c)] = planes[c] + first;
     }
     delivered_ += count;
     if (!sink_(out.data(), outChannels(), count)) stopped_ = true;
@@ -203,6 +216,7 @@ class Converter {
   std::vector<uint8_t*> planes_;
   std::vector<float> mono_;
   std::vector<const float*> outPlanes_;
+  std::vector<const float*> sources_;
 };
 
 }  // namespace

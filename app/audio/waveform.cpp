@@ -1,6 +1,7 @@
 #include "app/audio/waveform.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 
 #include "app/audio/decoder.h"
@@ -23,19 +24,31 @@ uint8_t bandByte(double band, double total) {
   return uint8_t(std::pow(band / (total + 0.000001), 0.6) * 255.0);
 }
 
+// s ÷ 32767 for every 16-bit value, computed once: the same floats the
+// division gives, at the cost of a lookup in the inner loop.
+const std::array<float, 65536>& scaledTable() {
+  static const auto table = [] {
+    std::array<float, 65536> t{};
+    for (int s = -32768; s <= 32767; ++s) t[size_t(s + 32768)] = float(s) / 32767.0f;
+    return t;
+  }();
+  return table;
+}
+
 // The blob from N samples, each read as a 16-bit value through `at`.
 template <typename SampleAt>
 std::optional<std::vector<uint8_t>> blobOf(size_t n, SampleAt at) {
   if (n < kMinSamples) return std::nullopt;
   const size_t perColumn = n / WaveformLoader::kColumns;
   std::vector<uint8_t> out(WaveformLoader::kBytes);
+  const float* scaled = scaledTable().data() + 32768;
   float lp1 = 0, lp2 = 0;
   for (size_t c = 0; c < size_t(WaveformLoader::kColumns); ++c) {
     const size_t begin = c * perColumn;
     const size_t end = std::min(n, begin + perColumn);
     double low = 0, mid = 0, high = 0, squares = 0;
     for (size_t i = begin; i < end; ++i) {
-      const float x = float(at(i)) / 32767.0f;
+      const float x = scaled[at(i)];
       lp1 += (x - lp1) * WaveformLoader::kLowCoefficient;
       lp2 += (x - lp2) * WaveformLoader::kMidCoefficient;
       low += std::abs(lp1);
