@@ -10,7 +10,9 @@
 
 #include "app/audio/audio_file_writer.h"
 #include "app/audio/subprocess.h"
+#include "app/audio/temp_file.h"
 #include "core/store/log.h"
+#include "core/text/split.h"
 
 namespace orvel::audio {
 namespace {
@@ -262,37 +264,6 @@ DefectRepair::Gap dropoutGap(const MultiChannelAudio& audio, const Defect& d) {
   return gap;
 }
 
-// A unique name in the system's temporary folder, removed with the object.
-class TempAudioFile {
- public:
-  TempAudioFile() {
-    std::error_code ec;
-    const auto dir = std::filesystem::temp_directory_path(ec);
-    if (ec) return;
-    std::string pattern = (dir / "orvel-repair-XXXXXX.aiff").string();
-    const int fd = mkstemps(pattern.data(), 5);
-    if (fd < 0) return;
-    ::close(fd);
-    path_ = pattern;
-  }
-  TempAudioFile(const TempAudioFile&) = delete;
-  TempAudioFile& operator=(const TempAudioFile&) = delete;
-  ~TempAudioFile() {
-    std::error_code ec;
-    if (!path_.empty()) std::filesystem::remove(path_, ec);
-  }
-  const std::filesystem::path& path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
-};
-
-std::string trimmed(std::string_view s) {
-  const auto from = s.find_first_not_of(" \t\r\n");
-  if (from == std::string_view::npos) return {};
-  return std::string(s.substr(from, s.find_last_not_of(" \t\r\n") - from + 1));
-}
-
 }  // namespace
 
 DefectRepair::Gap DefectRepair::gapOf(const MultiChannelAudio& audio, const Defect& defect) {
@@ -364,7 +335,7 @@ RepairResult DefectRepair::repair(const std::filesystem::path& path,
 
   // 24-bit AIFF carries the mended audio to the encoder without adding noise
   // of its own to a 16-bit source, and keeps a 24-bit one whole.
-  const TempAudioFile mended;
+  const TempFile mended("repair", ".aiff");
   if (mended.path().empty() || !writeAiff(mended.path(), audio->channels, audio->rate)) {
     result.message = "Could not write the repaired audio";
     note(result.message + " for " + path.string());
@@ -380,12 +351,12 @@ RepairResult DefectRepair::repair(const std::filesystem::path& path,
     result.message = "fix_encode failed for " + path.string();
     note(result.message);
     // The script's own reason goes to the log only; the user gets one line.
-    if (run && !trimmed(run->err).empty()) appendLogLine(trimmed(run->err));
+    if (run && !trim(run->err).empty()) appendLogLine(std::string(trim(run->err)));
     return result;
   }
   result.ok = true;
   result.output = output;
-  result.lossless = trimmed(run->out) == "lossless";
+  result.lossless = trim(run->out) == "lossless";
   result.message = "Saved “" + output.filename().string() + "”";
   if (result.lossless) result.message += " — kept lossless";
   return result;
