@@ -43,7 +43,7 @@ struct PassStored {
   bool fingerprint = false;
 };
 
-// Writes an readable file's results in one transaction: tempo and key only
+// Writes a readable file's results in one transaction: tempo and key only
 // where the track has none (never over the user's), the automatic in and out
 // cues, the waveform, the defect findings with their scan row, and the raw
 // fingerprint. An unreadable file writes nothing.
