@@ -266,6 +266,39 @@ def wav_seeds():
     }
 
 
+def music_xml_seeds():
+    # The library XML Music exports, written by plistlib as Music writes it.
+    import plistlib
+    library = {
+        "Major Version": 1, "Minor Version": 1, "Application Version": "1.4",
+        "Music Folder": "file:///Users/dj/Music/Music/Media/",
+        "Tracks": {
+            "101": {"Track ID": 101, "Name": "Nachtflug", "Artist": "Zoë", "Album": "Ä",
+                    "Persistent ID": "00AB34CD56EF7890", "Play Count": 7, "Rating": 80,
+                    "Loved": True, "Total Time": 301000, "Start Time": 1200, "Stop Time": 299000,
+                    "Date Added": __import__("datetime").datetime(2024, 3, 1, 10, 0, 0),
+                    "Location": "file:///Users/dj/Music/Zo%C3%AB/Nacht%20flug.mp3"},
+            "102": {"Track ID": 102, "Name": "Clip", "Persistent ID": "1A2B3C4D5E6F7081",
+                    "Has Video": True, "Music Video": True, "Disliked": True,
+                    "Location": "file:///Users/dj/Movies/clip.m4v"},
+        },
+        "Playlists": [
+            {"Name": "Library", "Master": True, "Playlist ID": 1,
+             "Playlist Persistent ID": "0000000000000001", "Visible": False,
+             "Playlist Items": [{"Track ID": 101}, {"Track ID": 102}]},
+            {"Name": "Music", "Distinguished Kind": 4, "Playlist ID": 2,
+             "Playlist Persistent ID": "0000000000000002"},
+            {"Name": "Sets", "Folder": True, "Playlist ID": 3,
+             "Playlist Persistent ID": "00000000000000F0"},
+            {"Name": "Warm-up", "Playlist ID": 4, "Playlist Persistent ID": "00000000000000F1",
+             "Parent Persistent ID": "00000000000000F0",
+             "Playlist Items": [{"Track ID": 102}, {"Track ID": 101}]},
+        ],
+    }
+    return {"library": plistlib.dumps(library, fmt=plistlib.FMT_XML),
+            "empty": plistlib.dumps({}, fmt=plistlib.FMT_XML)}
+
+
 def main(argv):
     root = pathlib.Path(__file__).resolve().parent.parent
     out = pathlib.Path(argv[1]) if len(argv) > 1 else root / "build" / "fuzz" / "corpus"
@@ -275,6 +308,7 @@ def main(argv):
         "serato_tlv_fuzz": tlv_seeds(),
         "encoding_fuzz": encoding_seeds(),
         "wav_reader_fuzz": wav_seeds(),
+        "music_xml_fuzz": music_xml_seeds(),
     }
     for target, seeds in targets.items():
         folder = out / target

@@ -32,6 +32,7 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
   addImportCommands(app, ctx);
   addConfigCommands(app, ctx);
   addSeratoCommands(app, ctx);
+  addMusicCommands(app, ctx);
   addAnalysisCommands(app, ctx);
 
   std::vector<const char*> argv{"orvel"};

@@ -23,6 +23,7 @@ void addSmartCommands(CLI::App& app, Context& ctx);        // smart …
 void addImportCommands(CLI::App& app, Context& ctx);       // import, watch
 void addConfigCommands(CLI::App& app, Context& ctx);       // config
 void addSeratoCommands(CLI::App& app, Context& ctx);       // serato …, export xml
+void addMusicCommands(CLI::App& app, Context& ctx);        // music migrate
 void addAnalysisCommands(CLI::App& app, Context& ctx);     // analyze, waveform, scan, repair, key
 
 // Fails (changing nothing) unless every id is a live track.
