@@ -162,4 +162,18 @@ void Settings::setMediaRoot(const std::optional<std::filesystem::path>& root) {
   setValue(keys::kMediaRoot, toQ(root->string()));
 }
 
+std::string Settings::aiBaseURL() const {
+  std::string url = toStd(value(keys::kAiBaseURL).toString().trimmed());
+  while (!url.empty() && url.back() == '/') url.pop_back();
+  return url.empty() ? std::string(kDefaultAiBaseURL) : url;
+}
+
+void Settings::setAiBaseURL(std::string_view url) {
+  if (url.empty() || url == kDefaultAiBaseURL) {
+    remove(keys::kAiBaseURL);
+    return;
+  }
+  setValue(keys::kAiBaseURL, toQ(url));
+}
+
 }  // namespace orvel::app

@@ -27,6 +27,7 @@ inline constexpr std::string_view kKeyNotation = "keyNotation";
 inline constexpr std::string_view kBpmCeiling = "bpmCeiling";
 inline constexpr std::string_view kWatchMusicFolder = "watchMusicFolder";
 inline constexpr std::string_view kMediaRoot = "mediaRoot";
+inline constexpr std::string_view kAiBaseURL = "aiBaseURL";
 }  // namespace keys
 
 class Settings {
@@ -89,6 +90,12 @@ class Settings {
   // The folder imports may copy into; none when unset or empty.
   std::optional<std::filesystem::path> mediaRoot() const;
   void setMediaRoot(const std::optional<std::filesystem::path>& root);
+
+  // Where the assistant sends its requests, without a trailing "/"; Anthropic's
+  // own address unless changed (a local stand-in, a company proxy).
+  static constexpr std::string_view kDefaultAiBaseURL = "https://api.anthropic.com";
+  std::string aiBaseURL() const;
+  void setAiBaseURL(std::string_view url);
 
  private:
   QSettings store_;

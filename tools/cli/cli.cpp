@@ -34,6 +34,7 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
   addSeratoCommands(app, ctx);
   addMusicCommands(app, ctx);
   addAnalysisCommands(app, ctx);
+  addAskCommands(app, ctx);
 
   std::vector<const char*> argv{"orvel"};
   for (const auto& a : args) argv.push_back(a.c_str());

@@ -25,6 +25,11 @@ void addConfigCommands(CLI::App& app, Context& ctx);       // config
 void addSeratoCommands(CLI::App& app, Context& ctx);       // serato …, export xml
 void addMusicCommands(CLI::App& app, Context& ctx);        // music migrate
 void addAnalysisCommands(CLI::App& app, Context& ctx);     // analyze, waveform, scan, repair, key
+void addAskCommands(CLI::App& app, Context& ctx);          // ask
+
+// Makes the QCoreApplication that Qt's network and keychain classes need,
+// once per process, unless there is one already.
+void ensureQtApplication();
 
 // Fails (changing nothing) unless every id is a live track.
 void requireLiveTracks(Context& ctx, std::span<const int64_t> ids);

@@ -1,11 +1,15 @@
 // orvel config: the preferences the window also uses, from the command line.
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <functional>
+#include <iostream>
 #include <nlohmann/json.hpp>
 
+#include "app/assistant.h"
 #include "app/settings.h"
+#include "core/text/split.h"
 #include "tools/cli/commands.h"
 
 namespace orvel::cli {
@@ -76,6 +80,14 @@ const std::vector<Pref>& prefs() {
        [](Settings& s, const std::string& v) {
          s.setBpmCeiling(parseNumber("bpmCeiling", v, 0, 999));
        }},
+      {app::keys::kAiBaseURL, "address the assistant sends its questions to",
+       [](const Settings& s) { return s.aiBaseURL(); },
+       [](Settings& s, const std::string& v) {
+         if (!v.starts_with("https://") && !v.starts_with("http://"))
+           throw CliError(kBadUsage,
+                          "aiBaseURL takes an http:// or https:// address, not \"" + v + "\"");
+         s.setAiBaseURL(v);
+       }},
       {app::keys::kPlayHistoryLimit, "plays kept in the play history",
        [](const Settings& s) { return std::to_string(s.playHistoryLimit()); },
        [](Settings& s, const std::string& v) {
@@ -98,11 +110,38 @@ const Pref& prefFor(const std::string& key) {
   throw CliError(kBadUsage, fmt::format("no setting named \"{}\" (settings: {})", key, known));
 }
 
+// The assistant's key lives in the keychain, not among the settings; it is
+// read from standard input so that it stays out of the shell's history.
+constexpr std::string_view kAiKeyOption = "ai-key";
+
+void storeAiKey(Context& ctx) {
+  if (isatty(STDIN_FILENO)) ctx.err << "Paste the Anthropic API key, then press Enter: ";
+  std::string line;
+  std::getline(std::cin, line);
+  const std::string key(trim(line));
+  if (key.empty()) throw CliError(kBadUsage, "no key on standard input");
+  ensureQtApplication();
+  app::KeychainStore keychain;
+  if (const std::string why = keychain.write(app::kAiKeyName, key); !why.empty())
+    throw CliError(kFailed, why + " (ORVEL_AI_KEY in the environment works without one)");
+  ctx.out << "ai-key stored in the keychain\n";
+}
+
+void removeAiKey(Context& ctx) {
+  ensureQtApplication();
+  app::KeychainStore keychain;
+  if (const std::string why = keychain.remove(app::kAiKeyName); !why.empty())
+    throw CliError(kFailed, why);
+  ctx.out << "ai-key removed from the keychain\n";
+}
+
 }  // namespace
 
 void addConfigCommands(CLI::App& app, Context& ctx) {
   auto* cmd = app.add_subcommand(
-      "config", "Show or change settings: orvel config [KEY [VALUE]] | orvel config --unset KEY");
+      "config",
+      "Show or change settings: orvel config [KEY [VALUE]] | orvel config --unset KEY | "
+      "orvel config ai-key < KEYFILE");
   struct Args {
     std::string key, value, unset;
     bool json = false;
@@ -113,6 +152,14 @@ void addConfigCommands(CLI::App& app, Context& ctx) {
   cmd->add_option("--unset", args->unset, "Return a setting to its default")->type_name("KEY");
   cmd->add_flag("--json", args->json, "All settings as one JSON object");
   cmd->callback([&ctx, args, valueOpt] {
+    if (args->unset == kAiKeyOption) return removeAiKey(ctx);
+    if (args->key == kAiKeyOption) {
+      if (valueOpt->count() != 0)
+        throw CliError(kBadUsage,
+                       "give the key on standard input, not on the command line, where the shell "
+                       "history would keep it");
+      return storeAiKey(ctx);
+    }
     Settings settings;
     if (!args->unset.empty()) {
       const Pref& p = prefFor(args->unset);
