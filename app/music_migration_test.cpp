@@ -76,7 +76,8 @@ std::string libraryXml(std::vector<int> warmup = {102, 105, 101}) {
 class MusicMigrationTest : public orvel::testing::StoreTest {
  protected:
   void SetUp() override {
-    if (!AppPaths::pythonWorks()) GTEST_SKIP() << "needs python3";
+    // python3 is a dependency (scripts/install-deps); without it this must fail.
+    ASSERT_TRUE(AppPaths::pythonWorks()) << "python3 does not run";
     xml_ = dir_ / "Library.xml";
     std::ofstream(xml_) << libraryXml();
     a_ = add("/Music/My Songs/a b.mp3");
