@@ -56,15 +56,15 @@ bool tempoRight(double found, double truth) {
 void passBench(const fs::path& dir, const fs::path& helper, int files, double seconds) {
   std::vector<fs::path> mp3s;
   for (int i = 0; i < files; ++i) {
-    testing::MusicSpec spec;
-    spec.bpm = 90 + i * 7;
-    spec.tonic = i % 12;
-    spec.minor = i % 2;
-    spec.seconds = seconds;
-    spec.seed = uint32_t(i + 1);
+    testing::MusicPiece piece;
+    piece.bpm = 90 + i * 7;
+    piece.tonic = i % 12;
+    piece.minor = i % 2;
+    piece.seconds = seconds;
+    piece.seed = uint32_t(i + 1);
     const fs::path wav = dir / fmt::format("p{}.wav", i);
-    writeWav(wav, std::vector<std::vector<float>>{testing::music(spec), testing::music(spec)},
-             spec.rate);
+    writeWav(wav, std::vector<std::vector<float>>{testing::music(piece), testing::music(piece)},
+             piece.rate);
     mp3s.push_back(dir / fmt::format("p{}.mp3", i));
     if (!encodeMp3(wav, mp3s.back())) {
       fmt::print("ffmpeg could not encode the test files; skipping (a)\n");
@@ -142,31 +142,32 @@ void tempoBench(const fs::path& dir) {
       "\n(b) tempo, 30 s pieces at known tempi (right: within 4 %, double/half allowed)\n\n");
   fmt::print("| true BPM | ours | aubio tempo |\n|---|---|---|\n");
   for (int i = 0; i < 24; ++i) {
-    testing::MusicSpec spec;
-    spec.bpm = 78 + i * 4.1;
-    spec.tonic = (i * 5) % 12;
-    spec.minor = i % 3 == 0;
-    spec.seconds = 30;
-    spec.seed = uint32_t(100 + i);
-    const auto samples = testing::music(spec);
+    testing::MusicPiece piece;
+    piece.bpm = 78 + i * 4.1;
+    piece.tonic = (i * 5) % 12;
+    piece.minor = i % 3 == 0;
+    piece.seconds = 30;
+    piece.seed = uint32_t(100 + i);
+    const auto samples = testing::music(piece);
     const fs::path wav = dir / fmt::format("t{}.wav", i);
-    writeWav(wav, samples, spec.rate);
-    const auto found = detectBPM(samples, spec.rate, 180);
+    writeWav(wav, samples, piece.rate);
+    const auto found = detectBPM(samples, piece.rate, 180);
     auto r = runProcess({"/usr/bin/aubio", "tempo", wav.string()});
     double theirs = NAN;
     if (r && r->exitStatus == 0) theirs = std::atof(r->out.c_str());
     ++total;
     const double mine = found.value_or(NAN);
-    ours += tempoRight(mine, spec.bpm);
-    aubio += tempoRight(theirs, spec.bpm);
+    ours += tempoRight(mine, piece.bpm);
+    aubio += tempoRight(theirs, piece.bpm);
     auto err = [&](double v) {
       double best = INFINITY;
-      for (double f : {1.0, 2.0, 0.5}) best = std::min(best, std::abs(v * f - spec.bpm) / spec.bpm);
+      for (double f : {1.0, 2.0, 0.5})
+        best = std::min(best, std::abs(v * f - piece.bpm) / piece.bpm);
       return std::isfinite(best) ? best : 1.0;
     };
     oursErr += err(mine);
     aubioErr += err(theirs);
-    fmt::print("| {:.1f} | {:.2f} | {:.2f} |\n", spec.bpm, mine, theirs);
+    fmt::print("| {:.1f} | {:.2f} | {:.2f} |\n", piece.bpm, mine, theirs);
     fs::remove(wav);
   }
   fmt::print("| **right** | **{}/{}** | **{}/{}** |\n", ours, total, aubio, total);

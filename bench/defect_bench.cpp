@@ -52,21 +52,21 @@ struct Piece {
 
 Piece makePiece(int index) {
   Piece p;
-  testing::MusicSpec spec;
-  spec.bpm = 90 + (index * 7) % 60;
-  spec.tonic = index % 12;
-  spec.minor = index % 3 == 0;
-  spec.seconds = 20 + index % 11;
-  spec.rate = index % 4 == 3 ? 48000 : 44100;
-  spec.seed = uint32_t(index + 1);
-  spec.drums = index % 5 != 4;  // a few pads alone, where every click is exposed
-  p.rate = spec.rate;
-  p.clean = testing::music(spec);
+  testing::MusicPiece piece;
+  piece.bpm = 90 + (index * 7) % 60;
+  piece.tonic = index % 12;
+  piece.minor = index % 3 == 0;
+  piece.seconds = 20 + index % 11;
+  piece.rate = index % 4 == 3 ? 48000 : 44100;
+  piece.seed = uint32_t(index + 1);
+  piece.drums = index % 5 != 4;  // a few pads alone, where every click is exposed
+  p.rate = piece.rate;
+  p.clean = testing::music(piece);
   p.damaged = p.clean;
   if (index % 8 == 0) return p;  // clean pieces: anything found is a false alarm
 
   Dice dice{uint64_t(index) * 0x9E3779B97F4A7C15ull + 7};
-  const double seconds = spec.seconds;
+  const double seconds = piece.seconds;
   const int clicks = 1 + index % 4;
   const int dropouts = index % 3;
   // Damage is kept apart, so each finding has one truth it can match.

@@ -44,7 +44,7 @@ struct Stems {
 };
 
 Stems makeStems(const Piece& piece, int take) {
-  audio::testing::MusicSpec spec{
+  audio::testing::MusicPiece music{
       .bpm = take == 0 ? 100.0 + 2 * piece.tonic : 128.0,
       .tonic = piece.tonic,
       .minor = piece.minor,
@@ -54,10 +54,10 @@ Stems makeStems(const Piece& piece, int take) {
       .drums = true,
       .chords = false};
   Stems stems;
-  stems.drums = audio::testing::music(spec);
-  spec.drums = false;
-  spec.chords = true;
-  stems.chords = audio::testing::music(spec);
+  stems.drums = audio::testing::music(music);
+  music.drums = false;
+  music.chords = true;
+  stems.chords = audio::testing::music(music);
   return stems;
 }
 

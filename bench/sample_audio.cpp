@@ -46,21 +46,21 @@ void writeAudioFiles(const std::vector<SampleTrack>& tracks, double musicSeconds
       testing::writeAudioFile(t.file.path, formatFor(t.file.path), tags);
       continue;
     }
-    audio::testing::MusicSpec spec;
-    spec.bpm = t.bpm;
-    spec.seconds = musicSeconds;
-    spec.seed = uint32_t(i + 1);
+    audio::testing::MusicPiece piece;
+    piece.bpm = t.bpm;
+    piece.seconds = musicSeconds;
+    piece.seed = uint32_t(i + 1);
     if (auto key = MusicKey::parse(KeyColor::standardName(t.key).value_or(t.key))) {
-      spec.tonic = key->first;
-      spec.minor = key->second;
+      piece.tonic = key->first;
+      piece.minor = key->second;
     }
     if (i % 2 == 1) {
       tags.bpm.reset();
       tags.key.reset();
     }
-    const auto mono = audio::testing::music(spec);
+    const auto mono = audio::testing::music(piece);
     const auto wav = scratch.path() / "music.wav";
-    if (!audio::writeWav(wav, std::vector<std::vector<float>>{mono, mono}, spec.rate))
+    if (!audio::writeWav(wav, std::vector<std::vector<float>>{mono, mono}, piece.rate))
       throw std::runtime_error("cannot write " + wav.string());
     testing::writeAudioFileFrom(wav, t.file.path, formatFor(t.file.path), tags);
   }

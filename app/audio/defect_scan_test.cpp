@@ -16,7 +16,7 @@ using Kind = Defect::Kind;
 using testing::addClick;
 using testing::addDropout;
 using testing::music;
-using testing::MusicSpec;
+using testing::MusicPiece;
 using testing::sine;
 
 std::vector<Defect> ofKind(const std::vector<Defect>& all, Kind kind) {
@@ -88,19 +88,19 @@ TEST(DefectScanTest, LengthLimitsAndDropoutBounds) {
 }
 
 TEST(DefectScanTest, FindsAClickInMusicWhereItIsAndNothingInCleanMusic) {
-  for (const MusicSpec& spec :
-       {MusicSpec{.bpm = 124, .seconds = 8, .seed = 3},
-        MusicSpec{.bpm = 98, .tonic = 9, .minor = true, .seconds = 8, .rate = 48000, .seed = 11},
-        MusicSpec{.seconds = 8, .seed = 5, .drums = false}}) {
-    SCOPED_TRACE(spec.rate + spec.seed);
-    auto samples = music(spec);
-    EXPECT_THAT(DefectScan::analyse(samples, spec.rate), ::testing::IsEmpty());
+  for (const MusicPiece& piece :
+       {MusicPiece{.bpm = 124, .seconds = 8, .seed = 3},
+        MusicPiece{.bpm = 98, .tonic = 9, .minor = true, .seconds = 8, .rate = 48000, .seed = 11},
+        MusicPiece{.seconds = 8, .seed = 5, .drums = false}}) {
+    SCOPED_TRACE(piece.rate + piece.seed);
+    auto samples = music(piece);
+    EXPECT_THAT(DefectScan::analyse(samples, piece.rate), ::testing::IsEmpty());
 
     // A third of a beat after a kick: drums leave room there for a click to
     // stand out (on a hi-hat or a snare it would not, and need not).
-    const double at = (6 + 0.3) * 60 / spec.bpm;
-    addClick(samples, size_t(at * spec.rate), 0.3, 2);
-    const auto found = DefectScan::dropRhythmic(DefectScan::analyse(samples, spec.rate));
+    const double at = (6 + 0.3) * 60 / piece.bpm;
+    addClick(samples, size_t(at * piece.rate), 0.3, 2);
+    const auto found = DefectScan::dropRhythmic(DefectScan::analyse(samples, piece.rate));
     ASSERT_EQ(found.size(), 1u);
     EXPECT_EQ(found[0].kind, Kind::click);
     EXPECT_NEAR(found[0].atSeconds, at, 0.001);
@@ -165,8 +165,8 @@ class DefectScanStoreTest : public orvel::testing::StoreTest {};
 
 TEST_F(DefectScanStoreTest, ScansAreStoredAndUnreadableFilesLeaveNoScan) {
   const int rate = 44100;
-  const MusicSpec spec{.seconds = 6, .seed = 4, .drums = false};
-  auto samples = music(spec);
+  const MusicPiece piece{.seconds = 6, .seed = 4, .drums = false};
+  auto samples = music(piece);
   addClick(samples, size_t(2.5 * rate), 0.2, 2);
   addClick(samples, size_t(4.25 * rate), 0.4, 1);
   const auto wav = dir_ / "damaged.wav";
@@ -184,7 +184,7 @@ TEST_F(DefectScanStoreTest, ScansAreStoredAndUnreadableFilesLeaveNoScan) {
   EXPECT_DOUBLE_EQ(rows[1].severity, (*found)[1].severity);
 
   // The file mended: its rescan clears the findings but stays on record.
-  ASSERT_TRUE(writeWav(wav, music(spec), rate, WavSample::float32));
+  ASSERT_TRUE(writeWav(wav, music(piece), rate, WavSample::float32));
   const auto clean = DefectScan::scanTrack(db(), track, wav);
   ASSERT_TRUE(clean);
   EXPECT_TRUE(clean->empty());

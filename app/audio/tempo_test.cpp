@@ -21,12 +21,12 @@ TEST(Tempo, FoldsIntoTheRangeDJsExpect) {
 
 TEST(Tempo, FindsTheBeatOfGeneratedMusic) {
   for (double bpm : {84.0, 98.0, 112.0, 124.0, 128.0, 138.0}) {
-    testing::MusicSpec spec;
-    spec.bpm = bpm;
-    spec.seconds = 30;
-    spec.seed = uint32_t(bpm);
-    auto audio = testing::music(spec);
-    auto found = detectBPM(audio, spec.rate);
+    testing::MusicPiece piece;
+    piece.bpm = bpm;
+    piece.seconds = 30;
+    piece.seed = uint32_t(bpm);
+    auto audio = testing::music(piece);
+    auto found = detectBPM(audio, piece.rate);
     ASSERT_TRUE(found) << bpm;
     // Whole-frame lags at 86 frames a second: about 1.5 % resolution.
     EXPECT_NEAR(*found, bpm, bpm * 0.02) << bpm;

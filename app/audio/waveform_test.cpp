@@ -68,10 +68,10 @@ TEST(WaveformLoader, BandsFollowTheSound) {
 
 TEST(WaveformLoader, FromAFileAndFromItsFloatSamplesAgree) {
   orvel::testing::TempDir dir;
-  testing::MusicSpec spec;
-  spec.seconds = 6;
-  spec.rate = 48000;
-  ASSERT_TRUE(writeWav(dir.path() / "m.wav", testing::music(spec), spec.rate));
+  testing::MusicPiece piece;
+  piece.seconds = 6;
+  piece.rate = 48000;
+  ASSERT_TRUE(writeWav(dir.path() / "m.wav", testing::music(piece), piece.rate));
   auto fromFile = WaveformLoader::compute(dir.path() / "m.wav");
   auto mono = Decoder::decodeMono(dir.path() / "m.wav");
   ASSERT_TRUE(fromFile && mono);

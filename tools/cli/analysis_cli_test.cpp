@@ -15,17 +15,17 @@ class AnalysisCliTest : public CliTest {
  protected:
   void SetUp() override {
     CliTest::SetUp();
-    audio::testing::MusicSpec spec;
-    spec.bpm = 124;
-    spec.tonic = 9;
-    spec.minor = true;
-    spec.seconds = 12;
-    auto music = audio::testing::music(spec);
+    audio::testing::MusicPiece piece;
+    piece.bpm = 124;
+    piece.tonic = 9;
+    piece.minor = true;
+    piece.seconds = 12;
+    auto music = audio::testing::music(piece);
     audio::testing::addDropout(music, 44100 * 5, 44100 / 20);
     music_ = (dir_ / "music.wav").string();
-    ASSERT_TRUE(audio::writeWav(music_, music, spec.rate));
+    ASSERT_TRUE(audio::writeWav(music_, music, piece.rate));
     tagged_ = (dir_ / "tagged.wav").string();
-    ASSERT_TRUE(audio::writeWav(tagged_, audio::testing::music(spec), spec.rate));
+    ASSERT_TRUE(audio::writeWav(tagged_, audio::testing::music(piece), piece.rate));
     m_ = add(music_, "Music");
     t_ = add(tagged_, "Tagged");
     db().setAnalysis(t_, std::string("F#"), 100.0);

@@ -62,15 +62,15 @@ const char* keyName(int tonic, bool minor) {
   return minor ? minorNames[pc] : major[pc];
 }
 
-std::vector<float> music(const MusicSpec& spec) {
-  const int rate = spec.rate;
-  std::vector<float> out(size_t(spec.seconds * rate), 0.0f);
-  Noise noise{spec.seed * 2654435761u + 1};
-  const double beat = 60.0 / spec.bpm;
+std::vector<float> music(const MusicPiece& piece) {
+  const int rate = piece.rate;
+  std::vector<float> out(size_t(piece.seconds * rate), 0.0f);
+  Noise noise{piece.seed * 2654435761u + 1};
+  const double beat = 60.0 / piece.bpm;
   const size_t beatLen = size_t(beat * rate);
-  const size_t beats = size_t(spec.seconds / beat);
+  const size_t beats = size_t(piece.seconds / beat);
 
-  if (spec.drums) {
+  if (piece.drums) {
     for (size_t b = 0; b < beats; ++b) {
       const size_t at = size_t(double(b) * beat * rate);
       const float vel = 0.85f + 0.15f * std::abs(noise.next());
@@ -99,7 +99,7 @@ std::vector<float> music(const MusicSpec& spec) {
     }
   }
 
-  if (spec.chords) {
+  if (piece.chords) {
     // Chord roots in semitones above the tonic, and each chord's intervals.
     struct Chord {
       int root;
@@ -108,9 +108,9 @@ std::vector<float> music(const MusicSpec& spec) {
     };
     const Chord majorProg[] = {{0, 4, 7}, {5, 4, 7}, {7, 4, 7}, {0, 4, 7}};
     const Chord minorProg[] = {{0, 3, 7}, {5, 3, 7}, {7, 4, 7}, {0, 3, 7}};
-    const Chord* prog = spec.minor ? minorProg : majorProg;
+    const Chord* prog = piece.minor ? minorProg : majorProg;
     const size_t bar = beatLen * 4;
-    const int base = 60 + spec.tonic;  // around middle C
+    const int base = 60 + piece.tonic;  // around middle C
     for (size_t start = 0, n = 0; start < out.size(); start += bar, ++n) {
       const Chord& c = prog[n % 4];
       const double amp = 0.07 * (0.9 + 0.1 * std::abs(noise.next()));

@@ -15,7 +15,7 @@ std::vector<float> sine(double hz, double seconds, int rate, double amplitude = 
 // ±amplitude, switching every half period.
 std::vector<float> square(double hz, double seconds, int rate, double amplitude = 1.0);
 
-struct MusicSpec {
+struct MusicPiece {
   double bpm = 120;
   int tonic = 0;  // pitch class, C = 0 … B = 11
   bool minor = false;
@@ -29,7 +29,7 @@ struct MusicSpec {
 // off-beats) over a cadence that states the key: I–IV–V–I in major,
 // i–iv–V–i (with the raised leading note) in minor, a chord per bar, with
 // bass. Peaks stay below 0.9.
-std::vector<float> music(const MusicSpec& spec);
+std::vector<float> music(const MusicPiece& piece);
 
 // The key's name as the catalogue writes it: "C", "F#", "Bbm"…
 const char* keyName(int tonic, bool minor);
