@@ -235,13 +235,19 @@ std::optional<AudioInfo> Decoder::probe(const std::filesystem::path& path) {
 
 std::optional<Decoder::StreamFormat> Decoder::stream(const std::filesystem::path& path,
                                                      const DecodeRequest& request,
-                                                     const AudioSink& sink) {
+                                                     const AudioSink& sink,
+                                                     const std::function<void(size_t)>& onLength) {
   auto s = open(path);
   if (!s) return std::nullopt;
   AVFormatContext* format = s->format.get();
   AVStream* st = format->streams[s->index];
   AVCodecContext* codec = s->codec.get();
   Converter conv(request, sink, codec->sample_rate);
+  if (onLength) {
+    double seconds = declaredSeconds(format, st) - request.startSec;
+    if (request.maxSeconds > 0) seconds = std::min(seconds, request.maxSeconds);
+    onLength(seconds > 0 ? size_t(seconds * conv.outRate()) : 0);
+  }
 
   bool seeked = false;
   if (request.startSec > 0) {
@@ -319,16 +325,17 @@ std::optional<MonoAudio> Decoder::decodeMono(const std::filesystem::path& path,
   DecodeRequest r = request;
   r.mono = true;
   MonoAudio out;
-  if (auto info = probe(path); info && info->durationSec > 0) {
-    const int rate = r.rate > 0 ? r.rate : info->rate;
-    double seconds = info->durationSec - r.startSec;
-    if (r.maxSeconds > 0) seconds = std::min(seconds, r.maxSeconds);
-    if (seconds > 0) out.samples.reserve(size_t(seconds * rate) + size_t(rate));
-  }
-  auto format = stream(path, r, [&](const float* const* planes, int, size_t n) {
-    out.samples.insert(out.samples.end(), planes[0], planes[0] + n);
-    return true;
-  });
+  // A second of slack: declared lengths are estimates for some formats.
+  const auto reserve = [&](size_t frames) {
+    if (frames > 0) out.samples.reserve(frames + size_t(std::max(r.rate, 48000)));
+  };
+  auto format = stream(
+      path, r,
+      [&](const float* const* planes, int, size_t n) {
+        out.samples.insert(out.samples.end(), planes[0], planes[0] + n);
+        return true;
+      },
+      reserve);
   if (!format) return std::nullopt;
   out.rate = format->rate;
   return out;

@@ -67,8 +67,12 @@ class Decoder {
     size_t frames = 0;     // frames delivered
     bool stopped = false;  // the sink asked to stop
   };
+  // `onLength`, when given, hears once before the first block how many
+  // frames the container says are coming (0 when it does not say), so a
+  // caller can reserve room without opening the file a second time.
   static std::optional<StreamFormat> stream(const std::filesystem::path& path,
-                                            const DecodeRequest& request, const AudioSink& sink);
+                                            const DecodeRequest& request, const AudioSink& sink,
+                                            const std::function<void(size_t)>& onLength = {});
 
   // Mono float, whole file or a range.
   static std::optional<MonoAudio> decodeMono(const std::filesystem::path& path,
