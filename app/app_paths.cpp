@@ -16,12 +16,9 @@
 
 #include "app/klog.h"
 #include "app/settings.h"
+#include "core/platform/os.h"
 #include "core/store/locations.h"
 #include "core/store/orvel_db.h"
-
-#ifdef __APPLE__
-#include <mach-o/dyld.h>
-#endif
 
 namespace orvel::app {
 namespace fs = std::filesystem;
@@ -39,19 +36,7 @@ bool isExecutableFile(const fs::path& p) {
 
 // The folder of the running program, or empty when the system will not say.
 const fs::path& exeDir() {
-  static const fs::path dir = [] {
-    std::error_code ec;
-#ifdef __APPLE__
-    uint32_t size = 0;
-    _NSGetExecutablePath(nullptr, &size);
-    std::string buf(size, '\0');
-    if (_NSGetExecutablePath(buf.data(), &size) != 0) return fs::path();
-    fs::path exe = fs::weakly_canonical(fs::path(buf.c_str()), ec);
-#else
-    fs::path exe = fs::read_symlink("/proc/self/exe", ec);
-#endif
-    return ec ? fs::path() : exe.parent_path();
-  }();
+  static const fs::path dir = platform::executablePath().parent_path();
   return dir;
 }
 
@@ -271,19 +256,23 @@ std::optional<fs::path> AppPaths::backupDatabaseNow(const fs::path& db, int keep
     target = dir / fmt::format("orvel-{}-{}.db", stamp, n);
 
   bool copied = false;
+  std::string why;  // empty: there was no catalogue to copy
   // Opening a missing catalogue would create an empty one, and back that up.
   if (isFile(db)) {
     try {
       const OrvelDB source(db.string());
-      copied = source.backup(target.string());
-    } catch (const std::exception&) {
+      const Status s = source.backup(target.string());
+      copied = s.isOk();
+      why = s.message();
+    } catch (const std::exception& e) {
       copied = false;
+      why = e.what();
     }
   }
   if (!copied) {
     // A half-written file must not count as a backup, nor push a good one out.
     fs::remove(target, ec);
-    klog("backup failed");
+    klog(why.empty() ? std::string("backup failed") : "backup failed: " + why);
     return std::nullopt;
   }
 

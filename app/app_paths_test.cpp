@@ -114,7 +114,10 @@ class AppPathsBackup : public ::testing::Test {
     for (int i = 0; i < 3; ++i) {
       NewTrack track;
       track.path = fmt::format("/music/{}.mp3", i);
-      ASSERT_TRUE(db.insertImported(track, db.orvelSourceId()));
+      const auto source = db.tracks().orvelSourceId();
+      ASSERT_TRUE(source) << source.error();
+      const auto id = db.tracks().insertImported(track, *source);
+      ASSERT_TRUE(id) << id.error();
     }
   }
 

@@ -41,13 +41,22 @@ class CrateExportTest : public orvel::testing::StoreTest {
   int64_t track(const std::string& path) {
     NewTrack t;
     t.path = path;
-    return db().insertImported(t, db().orvelSourceId()).value_or(-1);
+    return insert(t);
+  }
+  int64_t insert(const NewTrack& t) {
+    auto id = db().tracks().orvelSourceId();
+    if (id) id = db().tracks().insertImported(t, *id);
+    EXPECT_TRUE(id) << id.error();
+    return id.value_or(-1);
   }
   int64_t crate(const std::string& name, std::optional<int64_t> parent = std::nullopt) {
-    return db().create(name, parent, "crate").value_or(-1);
+    const auto id = db().playlists().create(name, parent, "crate");
+    EXPECT_TRUE(id) << id.error();
+    return id.value_or(-1);
   }
   void members(int64_t crate, std::vector<int64_t> ids) {
-    ASSERT_TRUE(db().addToPlaylist(ids, crate));
+    const auto op = db().playlists().addToPlaylist(ids, crate);
+    ASSERT_TRUE(op) << op.error();
   }
   // A Serato library folder as Serato leaves it: a database and a crate folder.
   fs::path seratoFolder() {
@@ -85,7 +94,7 @@ TEST_F(CrateExportTest, NestedCrateReadsBackInSeratoWithItsOrder) {
   const int64_t b = crate("B", a);
   members(a, {t1});
   members(b, {t3, t1, gone, t2});
-  ASSERT_TRUE(db().softRemove(std::vector<int64_t>{gone}));
+  ASSERT_TRUE(db().tracks().softRemove(std::vector<int64_t>{gone}));
   const fs::path serato = seratoFolder();
 
   const auto sent = CrateExport::sendToSerato(dbPath(), b, serato);
@@ -101,7 +110,7 @@ TEST_F(CrateExportTest, NestedCrateReadsBackInSeratoWithItsOrder) {
   EXPECT_THAT(library.crates[0].trackPaths, ElementsAre(odd, "/music/a.mp3", "/music/b c.flac"));
 
   // A second send replaces the crate whole and leaves no temporary file.
-  ASSERT_TRUE(db().reorderPlaylist(b, std::vector<int64_t>{t2, t3}));
+  ASSERT_TRUE(db().playlists().reorderPlaylist(b, std::vector<int64_t>{t2, t3}));
   ASSERT_EQ(CrateExport::sendToSerato(dbPath(), b, serato).outcome, Outcome::sent);
   EXPECT_THAT(entries(serato / "Subcrates"), ElementsAre("A%%B.crate"));
   library = SeratoLibrary::load(serato);
@@ -186,16 +195,18 @@ class DjXmlExportTest : public CrateExportTest {
     song.key = "8A";
     song.durationMs = 241'900;
     song.year = "2019-05-01";
-    song_ = db().insertImported(song, db().orvelSourceId()).value_or(-1);
+    song_ = insert(song);
     accented_ = track("/music/Ünïcode.flac");
     pathless_ = track("/music/pathless.mp3");
     ASSERT_FALSE(
         db().execChecked(fmt::format("UPDATE tracks SET path = '' WHERE id = {}", pathless_)));
     removed_ = track("/music/removed.mp3");
-    ASSERT_TRUE(db().softRemove(std::vector<int64_t>{removed_}));
+    ASSERT_TRUE(db().tracks().softRemove(std::vector<int64_t>{removed_}));
 
     // The rekordbox grid is stored first; Serato's must still win.
-    ASSERT_TRUE(db().replaceSourceCues(song_, rekordbox_, {}, std::vector<BeatAnchor>{{0, 100}}));
+    Status stored =
+        db().cues().replaceSourceCues(song_, rekordbox_, {}, std::vector<BeatAnchor>{{0, 100}});
+    ASSERT_TRUE(stored) << stored.message();
     CueRow drop;
     drop.index = 0;
     drop.positionMs = 1500;
@@ -207,9 +218,10 @@ class DjXmlExportTest : public CrateExportTest {
     loop.positionMs = 30000;
     loop.lengthMs = 8000;
     loop.color = "#00FF7F";
-    ASSERT_TRUE(db().replaceSourceCues(song_, serato_, std::vector<CueRow>{drop, loop},
-                                       std::vector<BeatAnchor>{{25, 124}, {60000, 125.5}}));
-    ASSERT_TRUE(db().replaceAutoCues(song_, 500, 200000));
+    stored = db().cues().replaceSourceCues(song_, serato_, std::vector<CueRow>{drop, loop},
+                                           std::vector<BeatAnchor>{{25, 124}, {60000, 125.5}});
+    ASSERT_TRUE(stored) << stored.message();
+    ASSERT_TRUE(db().cues().replaceAutoCues(song_, 500, 200000));
 
     sets_ = crate("Sets");
     warmUp_ = crate("Warm-up", sets_);

@@ -42,13 +42,14 @@ const CrateNode* findNode(const std::vector<CrateNode>& nodes, int64_t id) {
 
 void gather(const OrvelDB& db, const CrateNode& node, Collection& c) {
   // Removed tracks keep their playlist rows (for undo); DJ software must not see them.
-  const std::vector<int64_t> live = db.existingIds(db.orderedTrackIds(node.id));
+  const std::vector<int64_t> live =
+      db.tracks().existingIds(db.playlists().orderedTrackIds(node.id));
   std::vector<int64_t>& members = c.members[node.id];
   for (int64_t id : live) {
     auto [at, fresh] = c.usable.try_emplace(id, false);
     if (fresh) {
-      auto row = db.loadTrack(id);
-      if (row && !row->path.empty()) {
+      auto row = db.tracks().loadTrack(id);
+      if (row && !row->path().empty()) {
         at->second = true;
         c.tracks.push_back(std::move(*row));
       }
@@ -104,11 +105,11 @@ std::string kindOf(const TrackRow& t) {
 }
 
 // The year as the number importers expect: "2019" of "2019-05-01", else 0.
-std::string yearOf(const std::string& year) {
+std::string yearOf(std::string_view year) {
   const bool fourDigits =
       year.size() >= 4 && std::all_of(year.begin(), year.begin() + 4,
                                       [](unsigned char c) { return std::isdigit(c) != 0; });
-  return fourDigits ? year.substr(0, 4) : "0";
+  return fourDigits ? std::string(year.substr(0, 4)) : "0";
 }
 
 std::optional<std::array<int, 3>> rgbOf(const std::string& color) {
@@ -122,7 +123,7 @@ std::optional<std::array<int, 3>> rgbOf(const std::string& color) {
 
 // Serato's grid is the one a DJ has checked by ear; any other is a fallback.
 std::vector<BeatAnchor> gridOf(const OrvelDB& db, int64_t trackId) {
-  std::vector<SourceGrid> grids = db.beatGrids(trackId);
+  std::vector<SourceGrid> grids = db.cues().beatGrids(trackId);
   std::erase_if(grids, [](const SourceGrid& g) { return g.anchors.empty(); });
   if (grids.empty()) return {};
   const auto serato = std::find_if(grids.begin(), grids.end(),
@@ -152,23 +153,23 @@ void writePositionMark(QXmlStreamWriter& xml, const CueRow& cue) {
 void writeTrack(QXmlStreamWriter& xml, const OrvelDB& db, const TrackRow& t) {
   xml.writeStartElement("TRACK");
   xml.writeAttribute("TrackID", number(t.id));
-  xml.writeAttribute("Name", xmlText(t.title));
-  xml.writeAttribute("Artist", xmlText(t.artist));
-  xml.writeAttribute("Album", xmlText(t.album));
-  xml.writeAttribute("Genre", xmlText(t.genre));
-  xml.writeAttribute("Grouping", xmlText(t.grouping));
-  xml.writeAttribute("Comments", xmlText(t.comment));
-  xml.writeAttribute("Label", xmlText(t.label));
-  xml.writeAttribute("Year", QString::fromStdString(yearOf(t.year)));
+  xml.writeAttribute("Name", xmlText(t.title()));
+  xml.writeAttribute("Artist", xmlText(t.artist()));
+  xml.writeAttribute("Album", xmlText(t.album()));
+  xml.writeAttribute("Genre", xmlText(t.genre()));
+  xml.writeAttribute("Grouping", xmlText(t.grouping()));
+  xml.writeAttribute("Comments", xmlText(t.comment()));
+  xml.writeAttribute("Label", xmlText(t.label()));
+  xml.writeAttribute("Year", QString::fromStdString(yearOf(t.year())));
   xml.writeAttribute("Kind", QString::fromStdString(kindOf(t)));
   xml.writeAttribute("Size", number(t.sizeBytes));
   xml.writeAttribute("TotalTime", number(t.durationMs.value_or(0) / 1000));
   xml.writeAttribute("AverageBpm", fixed(t.bpm.value_or(0), 2));
   xml.writeAttribute("BitRate", number(t.bitrateKbps.value_or(0)));
-  xml.writeAttribute("SampleRate", number(t.extras.sampleRate.value_or(0)));
-  xml.writeAttribute("Tonality", xmlText(t.key));
+  xml.writeAttribute("SampleRate", number(t.sampleRate.value_or(0)));
+  xml.writeAttribute("Tonality", xmlText(t.key()));
   xml.writeAttribute("DateAdded", QString::fromStdString(t.dateAddedText()));
-  xml.writeAttribute("Location", QString::fromStdString(locationOf(t.path)));
+  xml.writeAttribute("Location", QString::fromStdString(locationOf(t.path())));
   for (const BeatAnchor& a : gridOf(db, t.id)) {
     xml.writeStartElement("TEMPO");
     xml.writeAttribute("Inizio", fixed(a.posMs / 1000.0, 3));
@@ -177,7 +178,7 @@ void writeTrack(QXmlStreamWriter& xml, const OrvelDB& db, const TrackRow& t) {
     xml.writeAttribute("Battito", "1");
     xml.writeEndElement();
   }
-  for (const CueRow& cue : db.cues(t.id)) writePositionMark(xml, cue);
+  for (const CueRow& cue : db.cues().cues(t.id)) writePositionMark(xml, cue);
   xml.writeEndElement();
 }
 
@@ -231,7 +232,7 @@ XmlExportResult exportXML(const OrvelDB& db, std::span<const int64_t> crateIds,
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   if (ext != ".xml") return refuse("The export file must end in .xml");
 
-  const std::vector<CrateNode> tree = db.crateTree();
+  const std::vector<CrateNode> tree = db.playlists().crateTree();
   std::vector<CrateNode> nodes;
   if (crateIds.empty()) {
     nodes = tree;

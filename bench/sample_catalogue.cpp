@@ -82,17 +82,19 @@ std::vector<SampleTrack> makeTracks(int count, uint32_t seed, const std::string&
   return out;
 }
 
-std::vector<int64_t> fill(OrvelDB& db, const std::vector<SampleTrack>& tracks) {
+Result<std::vector<int64_t>> fill(OrvelDB& db, const std::vector<SampleTrack>& tracks) {
   std::vector<int64_t> ids;
   ids.reserve(tracks.size());
   Transaction tx(db.connection());
-  const int64_t source = db.orvelSourceId();
+  if (!tx) return tx.status();
+  const auto source = db.tracks().orvelSourceId();
+  if (!source) return source.status();
   Statement details = db.prepare(
       "UPDATE tracks SET bpm = ?, key = ?, year = ?, rating = ?, bitrate_kbps = ?, comment = ?, "
       "play_count = ? WHERE id = ?");
   for (const auto& t : tracks) {
-    const auto id = db.insertImported(t.file, source);
-    if (!id) continue;
+    const auto id = db.tracks().insertImported(t.file, *source);
+    if (!id) return id.status();
     ids.push_back(*id);
     details.reset();
     details.bind(1, t.bpm).bind(2, t.key).bind(3, t.year).bind(4, static_cast<int64_t>(t.rating));
@@ -101,9 +103,11 @@ std::vector<int64_t> fill(OrvelDB& db, const std::vector<SampleTrack>& tracks) {
       details.bindNull(6);
     else
       details.bind(6, t.comment);
-    details.bind(7, static_cast<int64_t>(ids.size() % 17)).bind(8, *id).stepCode();
+    if (details.bind(7, static_cast<int64_t>(ids.size() % 17)).bind(8, *id).stepCode() !=
+        SQLITE_DONE)
+      return db.connection().lastStatus();
   }
-  tx.commit();
+  if (Status s = tx.commit(); !s) return s;
   return ids;
 }
 

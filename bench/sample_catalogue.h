@@ -26,7 +26,8 @@ std::vector<SampleTrack> makeTracks(int count, uint32_t seed = 2026,
                                     const std::string& root = "/Music");
 
 // Adds the tracks through insertImported in one transaction and fills in the
-// analysed fields the way a used library has them. Returns the new ids.
-std::vector<int64_t> fill(OrvelDB& db, const std::vector<SampleTrack>& tracks);
+// analysed fields the way a used library has them. Returns the new ids, or
+// why none were added.
+Result<std::vector<int64_t>> fill(OrvelDB& db, const std::vector<SampleTrack>& tracks);
 
 }  // namespace orvel::sample

@@ -48,7 +48,11 @@ int main(int argc, char** argv) {
     }
     orvel::OrvelDB catalogue(db);
     const auto ids = orvel::sample::fill(catalogue, orvel::sample::makeTracks(tracks, seed));
-    std::cerr << "orvel-sample: added " << ids.size() << " tracks to " << db << "\n";
+    if (!ids) {
+      std::cerr << "orvel-sample: cannot add tracks to " << db << ": " << ids.error() << "\n";
+      return 1;
+    }
+    std::cerr << "orvel-sample: added " << ids->size() << " tracks to " << db << "\n";
   } catch (const orvel::StoreError& e) {
     std::cerr << "orvel-sample: cannot open " << db << ": " << e.what() << "\n";
     return 1;

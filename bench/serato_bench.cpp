@@ -86,21 +86,24 @@ void BM_BareInsert(benchmark::State& state) {
     testing::TempDir dir;
     auto db = std::make_unique<OrvelDB>((dir.path() / "orvel.db").string());
     state.ResumeTiming();
-    db->begin();
-    Statement ins = db->prepare(
-        "INSERT INTO tracks(path, filename, title, artist, album, genre, duration_ms, "
-        "filesize_bytes, date_added, bpm, key, year, comment, bitrate_kbps, samplerate_hz, "
-        "file_type) VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,'mp3')");
-    for (const auto& t : tracks) {
-      const NewTrack& f = t.file;
-      ins.reset();
-      ins.bind(1, f.path).bind(2, f.filename).bind(3, f.title).bind(4, f.artist).bind(5, f.album);
-      ins.bind(6, f.genre).bind(7, f.durationMs).bind(8, f.filesizeBytes).bind(9, int64_t{1});
-      ins.bind(10, t.bpm).bind(11, t.key).bind(12, t.year).bind(13, t.comment);
-      ins.bind(14, int64_t{t.bitrate}).bind(15, int64_t{44100});
-      ins.stepCode();
+    {
+      Transaction tx(db->connection());
+      if (!tx) state.SkipWithError(tx.status().message().c_str());
+      Statement ins = db->prepare(
+          "INSERT INTO tracks(path, filename, title, artist, album, genre, duration_ms, "
+          "filesize_bytes, date_added, bpm, key, year, comment, bitrate_kbps, samplerate_hz, "
+          "file_type) VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,'mp3')");
+      for (const auto& t : tracks) {
+        const NewTrack& f = t.file;
+        ins.reset();
+        ins.bind(1, f.path).bind(2, f.filename).bind(3, f.title).bind(4, f.artist).bind(5, f.album);
+        ins.bind(6, f.genre).bind(7, f.durationMs).bind(8, f.filesizeBytes).bind(9, int64_t{1});
+        ins.bind(10, t.bpm).bind(11, t.key).bind(12, t.year).bind(13, t.comment);
+        ins.bind(14, int64_t{t.bitrate}).bind(15, int64_t{44100});
+        ins.stepCode();
+      }
+      if (Status s = tx.commit(); !s) state.SkipWithError(s.message().c_str());
     }
-    db->commit();
     state.PauseTiming();
     db.reset();
     state.ResumeTiming();
@@ -114,7 +117,7 @@ void BM_FoldIntoEmptyCatalogue(benchmark::State& state) {
     testing::TempDir dir;
     auto db = std::make_unique<OrvelDB>((dir.path() / "orvel.db").string());
     state.ResumeTiming();
-    const auto counts = db->foldSeratoTracks(lib);
+    const auto counts = db->serato().foldSeratoTracks(lib);
     state.PauseTiming();
     if (!counts || counts->tracksAdded != kTracks) state.SkipWithError("fold failed");
     db.reset();

@@ -24,6 +24,16 @@ PassStored storePass(OrvelDB& db, int64_t trackId, const PassResult& result) {
   PassStored stored;
   if (!result.readable) return stored;
   Transaction tx(db.connection());
+  if (!tx) {
+    stored.status = tx.status();
+    return stored;
+  }
+  // The first failure is the one worth telling; later ones usually repeat it.
+  auto kept = [&stored](Status s) {
+    const bool ok = s.isOk();
+    if (!ok && stored.status) stored.status = std::move(s);
+    return ok;
+  };
   auto keyAndTempo = [&] {
     Statement st = db.connection().prepare("SELECT key, bpm FROM tracks WHERE id=?");
     st.bind(1, trackId);
@@ -31,23 +41,23 @@ PassStored storePass(OrvelDB& db, int64_t trackId, const PassResult& result) {
                      : std::pair<std::optional<std::string>, std::optional<double>>{};
   };
   const auto before = keyAndTempo();
-  db.setAnalysis(trackId, result.analysis.key, result.analysis.bpm);
-  const auto after = keyAndTempo();
-  stored.key = before.first != after.first;
-  stored.bpm = before.second != after.second;
+  if (kept(db.analysis().setAnalysis(trackId, result.analysis.key, result.analysis.bpm))) {
+    const auto after = keyAndTempo();
+    stored.key = before.first != after.first;
+    stored.bpm = before.second != after.second;
+  }
   const auto& a = result.analysis;
   if (a.inMs && a.outMs && *a.outMs > *a.inMs)
-    stored.cues = db.replaceAutoCues(trackId, *a.inMs, *a.outMs).has_value();
-  if (result.waveform) {
-    db.setWaveform(trackId, *result.waveform);
-    stored.waveform = true;
+    stored.cues = kept(db.cues().replaceAutoCues(trackId, *a.inMs, *a.outMs).status());
+  if (result.waveform) stored.waveform = kept(db.analysis().setWaveform(trackId, *result.waveform));
+  stored.scanned = kept(DefectScan::record(db, trackId, result.defects));
+  if (result.fingerprint)
+    stored.fingerprint = kept(db.analysis().setRawFingerprint(trackId, *result.fingerprint));
+  if (Status s = tx.commit(); !s) {
+    PassStored none;
+    none.status = std::move(s);
+    return none;
   }
-  stored.scanned = DefectScan::record(db, trackId, result.defects);
-  if (result.fingerprint) {
-    db.setRawFingerprint(trackId, *result.fingerprint);
-    stored.fingerprint = true;
-  }
-  tx.commit();
   return stored;
 }
 

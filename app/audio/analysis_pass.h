@@ -11,6 +11,7 @@
 
 #include "app/audio/analyzer.h"
 #include "app/audio/defect_scan.h"
+#include "core/store/status.h"
 
 namespace orvel {
 class OrvelDB;
@@ -33,7 +34,8 @@ struct PassResult {
 
 PassResult analyseFile(const std::filesystem::path& path, const PassSettings& settings = {});
 
-// What storePass changed, for the summary line.
+// What storePass changed, for the summary line: only what reached the
+// catalogue counts.
 struct PassStored {
   bool bpm = false;
   bool key = false;
@@ -41,12 +43,16 @@ struct PassStored {
   bool waveform = false;
   bool scanned = false;
   bool fingerprint = false;
+  // Ok, or why a part (or, when the commit failed, all of it) was not stored.
+  Status status;
 };
 
 // Writes a readable file's results in one transaction: tempo and key only
 // where the track has none (never over the user's), the automatic in and out
 // cues, the waveform, the defect findings with their scan row, and the raw
-// fingerprint. An unreadable file writes nothing.
+// fingerprint. A part that fails is left out and the rest kept; a failed
+// commit keeps nothing. An unreadable file writes nothing. `db` belongs to
+// the calling thread.
 PassStored storePass(OrvelDB& db, int64_t trackId, const PassResult& result);
 
 }  // namespace orvel::audio

@@ -172,7 +172,7 @@ std::optional<Defect> DefectScan::fromRow(const DefectRow& row) {
 
 std::vector<Defect> DefectScan::stored(const OrvelDB& db, int64_t trackId) {
   std::vector<Defect> out;
-  for (const DefectRow& row : db.defects(trackId))
+  for (const DefectRow& row : db.analysis().defects(trackId))
     if (auto d = fromRow(row)) out.push_back(*d);
   return out;
 }
@@ -218,21 +218,21 @@ std::vector<Defect> DefectScan::dropRhythmic(std::vector<Defect> findings) {
   return findings;
 }
 
-std::optional<std::vector<Defect>> DefectScan::scanTrack(OrvelDB& db, int64_t trackId,
-                                                         const std::filesystem::path& path) {
+Result<std::vector<Defect>> DefectScan::scanTrack(OrvelDB& db, int64_t trackId,
+                                                  const std::filesystem::path& path) {
   const auto audio = decodeMono(path);
-  if (!audio) return std::nullopt;
+  if (!audio) return Status::failed("the audio could not be read");
   std::vector<Defect> findings = dropRhythmic(analyse(audio->samples, audio->rate));
-  if (!record(db, trackId, findings)) return std::nullopt;
+  if (Status s = record(db, trackId, findings); !s) return s;
   return findings;
 }
 
-bool DefectScan::record(OrvelDB& db, int64_t trackId, std::span<const Defect> findings) {
+Status DefectScan::record(OrvelDB& db, int64_t trackId, std::span<const Defect> findings) {
   std::vector<DefectRow> rows;
   rows.reserve(findings.size());
   for (const Defect& d : findings)
     rows.push_back({kindName(d.kind), d.atSeconds * 1000, d.severity});
-  return db.recordDefectScan(trackId, rows, unixNow());
+  return db.analysis().recordDefectScan(trackId, rows, unixNow());
 }
 
 }  // namespace orvel::audio

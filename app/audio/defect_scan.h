@@ -2,8 +2,9 @@
 // waveform) and dropouts (a short run of digital silence inside the music).
 // The thresholds are fixed so that a rescan of the same audio always reports
 // the same findings. Analysis never throws; unreadable audio gives nullopt.
-// Every function is safe to call from several threads at once (the store
-// serialises its own writes).
+// The analysis functions are safe to call from several threads at once; the
+// ones that take an OrvelDB (stored, scanTrack, record) use it on the calling
+// thread, which must be the thread that owns it (a worker opens its own).
 #pragma once
 
 #include <cstdint>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "app/audio/decoder.h"
+#include "core/store/status.h"
 
 namespace orvel {
 class OrvelDB;
@@ -57,14 +59,15 @@ class DefectScan {
   static std::vector<Defect> dropRhythmic(std::vector<Defect> findings);
 
   // Decodes, analyses, drops rhythmic clicks and stores the result in place of
-  // the track's earlier findings. nullopt when the audio is unreadable or the
-  // findings could not be stored; an unreadable file leaves no scan behind.
-  static std::optional<std::vector<Defect>> scanTrack(OrvelDB& db, int64_t trackId,
-                                                      const std::filesystem::path& path);
+  // the track's earlier findings. Fails when the audio is unreadable or the
+  // findings could not be stored (saying which); an unreadable file leaves
+  // no scan behind.
+  static Result<std::vector<Defect>> scanTrack(OrvelDB& db, int64_t trackId,
+                                               const std::filesystem::path& path);
 
   // Stores findings already made (the one-pass analysis decodes once for
   // every analyser and hands its findings here).
-  static bool record(OrvelDB& db, int64_t trackId, std::span<const Defect> findings);
+  static Status record(OrvelDB& db, int64_t trackId, std::span<const Defect> findings);
 };
 
 }  // namespace orvel::audio

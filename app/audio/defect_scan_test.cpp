@@ -174,9 +174,9 @@ TEST_F(DefectScanStoreTest, ScansAreStoredAndUnreadableFilesLeaveNoScan) {
   const int64_t track = add(wav.string());
 
   const auto found = DefectScan::scanTrack(db(), track, wav);
-  ASSERT_TRUE(found);
+  ASSERT_TRUE(found) << found.error();
   ASSERT_EQ(found->size(), 2u);
-  const auto rows = db().defects(track);
+  const auto rows = db().analysis().defects(track);
   ASSERT_EQ(rows.size(), 2u);
   EXPECT_EQ(rows[0].kind, "click");
   EXPECT_NEAR(rows[0].positionMs, 2500, 1);
@@ -186,16 +186,17 @@ TEST_F(DefectScanStoreTest, ScansAreStoredAndUnreadableFilesLeaveNoScan) {
   // The file mended: its rescan clears the findings but stays on record.
   ASSERT_TRUE(writeWav(wav, music(piece), rate, WavSample::float32));
   const auto clean = DefectScan::scanTrack(db(), track, wav);
-  ASSERT_TRUE(clean);
+  ASSERT_TRUE(clean) << clean.error();
   EXPECT_TRUE(clean->empty());
-  EXPECT_TRUE(db().defects(track).empty());
-  EXPECT_THAT(db().scannedTracks(), ::testing::ElementsAre(track));
+  EXPECT_TRUE(db().analysis().defects(track).empty());
+  EXPECT_THAT(db().analysis().scannedTracks(), ::testing::ElementsAre(track));
 
   // Findings made elsewhere (the one-pass analysis) come back as they went in.
   const std::vector<Defect> made = {{Kind::dropout, 3.5, 42.5}, {Kind::click, 1.25, 310}};
-  ASSERT_TRUE(DefectScan::record(db(), track, made));
-  EXPECT_EQ(db().defects(track)[1].kind, "dropout");
-  EXPECT_DOUBLE_EQ(db().defects(track)[1].positionMs, 3500);
+  const Status recorded = DefectScan::record(db(), track, made);
+  ASSERT_TRUE(recorded) << recorded.message();
+  EXPECT_EQ(db().analysis().defects(track)[1].kind, "dropout");
+  EXPECT_DOUBLE_EQ(db().analysis().defects(track)[1].positionMs, 3500);
   const auto back = DefectScan::stored(db(), track);
   ASSERT_EQ(back.size(), 2u);
   EXPECT_EQ(back[0].kind, Kind::click);
@@ -206,9 +207,9 @@ TEST_F(DefectScanStoreTest, ScansAreStoredAndUnreadableFilesLeaveNoScan) {
   const auto junk = dir_ / "junk.mp3";
   std::ofstream(junk) << "not audio at all";
   const int64_t other = add(junk.string());
-  EXPECT_FALSE(DefectScan::scanTrack(db(), other, junk));
+  EXPECT_EQ(DefectScan::scanTrack(db(), other, junk).error(), "the audio could not be read");
   EXPECT_FALSE(DefectScan::scanTrack(db(), other, dir_ / "gone.flac"));
-  EXPECT_THAT(db().scannedTracks(), ::testing::ElementsAre(track));
+  EXPECT_THAT(db().analysis().scannedTracks(), ::testing::ElementsAre(track));
 }
 
 }  // namespace

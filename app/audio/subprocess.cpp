@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <chrono>
 
+#include "core/platform/os.h"
+
 extern char** environ;
 
 namespace orvel::audio {
@@ -18,7 +20,7 @@ namespace {
 
 struct Pipe {
   int fd[2] = {-1, -1};
-  bool open() { return pipe2(fd, O_CLOEXEC) == 0; }
+  bool open() { return platform::openCloexecPipe(fd); }
   void closeEnd(int i) {
     if (fd[i] >= 0) ::close(fd[i]);
     fd[i] = -1;

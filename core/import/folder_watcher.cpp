@@ -1,5 +1,6 @@
-// Systems that have no FolderWatcher (yet): create() says so with nullptr.
-#if !defined(__linux__)
+// Systems with neither inotify nor FSEvents have no FolderWatcher: create()
+// says so with nullptr.
+#if !defined(__linux__) && !defined(__APPLE__)
 
 #include "core/import/folder_watcher.h"
 

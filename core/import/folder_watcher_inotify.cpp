@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <thread>
@@ -23,6 +22,7 @@
 #include <vector>
 
 #include "core/import/folder_watcher.h"
+#include "core/import/threaded_watcher.h"
 #include "core/store/log.h"
 
 namespace orvel {
@@ -68,25 +68,12 @@ constexpr uint32_t kFolderMask = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | 
 constexpr const char* kWatchLimit =
     "the system's limit of folder watches is reached (fs.inotify.max_user_watches)";
 
-// "/music/" and "/music/./" both become "/music", so that prefix tests on
-// watched paths and the reported paths agree with each other.
-fs::path normalRoot(const fs::path& root) {
-  std::error_code ec;
-  fs::path p = fs::absolute(root, ec);
-  if (ec) p = root;
-  p = p.lexically_normal();
-  if (!p.has_filename() && p != p.root_path()) p = p.parent_path();
-  return p;
-}
-
 bool isInside(const std::string& path, const std::string& folder) {
   return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
          path[folder.size()] == '/';
 }
 
-// Everything one start() sets up, shared by the watcher and its thread: a
-// watcher destroyed from inside its own callback leaves the rest of the run to
-// the thread, which lets go of it when it returns.
+// Everything one start() sets up; ThreadedWatcher runs it on its thread.
 class Run {
  public:
   Run(fs::path root, std::chrono::milliseconds latency, FolderWatcher::Batch onBatch)
@@ -320,111 +307,10 @@ class Run {
   bool rootGone_ = false;
 };
 
-class InotifyWatcher;
-
-// Which watcher and run the current thread works for: lets stop() and
-// start() tell a call from inside a callback from a call from elsewhere.
-thread_local const InotifyWatcher* tOwner = nullptr;
-thread_local Run* tRun = nullptr;
-
-class InotifyWatcher final : public FolderWatcher {
- public:
-  ~InotifyWatcher() override { stop(); }
-
-  bool start(const fs::path& root, std::chrono::milliseconds latency, Batch onBatch) override {
-    if (tOwner == this) {
-      setError("start() cannot be called from the watcher's own callback");
-      return false;
-    }
-    std::lock_guard lock(controlMutex_);
-    stopLocked();
-    const fs::path top = normalRoot(root);
-    std::error_code ec;
-    const auto status = fs::status(top, ec);
-    if (status.type() == fs::file_type::not_found) {
-      setError("cannot watch " + top.string() + ": no such folder");
-      return false;
-    }
-    if (ec) {
-      setError("cannot watch " + top.string() + ": " + ec.message());
-      return false;
-    }
-    if (!fs::is_directory(status)) {
-      setError("cannot watch " + top.string() + ": not a folder");
-      return false;
-    }
-    auto run = std::make_shared<Run>(top, latency, std::move(onBatch));
-    if (auto error = run->open()) {
-      setError(*error);
-      return false;
-    }
-    thread_ = std::thread([this, run] {
-      tOwner = this;
-      tRun = run.get();
-      run->loop();
-    });
-    run_ = std::move(run);
-    running_.store(true);
-    setError({});
-    return true;
-  }
-
-  void stop() override {
-    if (tOwner == this) {
-      stopFromCallback();
-      return;
-    }
-    std::lock_guard lock(controlMutex_);
-    stopLocked();
-  }
-
-  bool running() const override { return running_.load(); }
-
-  std::string lastError() const override {
-    std::lock_guard lock(errorMutex_);
-    return lastError_;
-  }
-
- private:
-  void stopLocked() {
-    if (run_) run_->requestStop();
-    if (thread_.joinable()) thread_.join();
-    run_.reset();
-    running_.store(false);
-  }
-
-  // The thread cannot join itself: it is told to end once the callback
-  // returns, and is let go of so that nothing waits for it. When another
-  // thread holds the control lock it is already stopping this one and will
-  // join it.
-  void stopFromCallback() {
-    tRun->requestStop();
-    running_.store(false);
-    std::unique_lock lock(controlMutex_, std::try_to_lock);
-    if (!lock.owns_lock()) return;
-    if (thread_.joinable() && thread_.get_id() == std::this_thread::get_id()) {
-      thread_.detach();
-      run_.reset();
-    }
-  }
-
-  void setError(std::string error) {
-    std::lock_guard lock(errorMutex_);
-    lastError_ = std::move(error);
-  }
-
-  std::mutex controlMutex_;  // start() and stop(); the thread never waits for it
-  std::shared_ptr<Run> run_;
-  std::thread thread_;
-  std::atomic<bool> running_{false};
-  mutable std::mutex errorMutex_;
-  std::string lastError_;
-};
-
 }  // namespace
 
 std::unique_ptr<FolderWatcher> FolderWatcher::create() {
-  return std::make_unique<InotifyWatcher>();
+  return std::make_unique<watcher::ThreadedWatcher<Run>>();
 }
 
 }  // namespace orvel

@@ -26,7 +26,7 @@ void writeFile(const fs::path& path, const char* text = "x") {
 }
 
 size_t openFds() {
-  return static_cast<size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), {}));
+  return static_cast<size_t>(std::distance(fs::directory_iterator("/dev/fd"), {}));
 }
 
 // Batches as the watcher's thread hands them over, for the test thread to wait on.

@@ -1,6 +1,5 @@
 #include "core/import/importer.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include <unordered_set>
 
 #include "core/import/production.h"
+#include "core/platform/os.h"
 #include "core/store/connection.h"
 #include "core/store/orvel_db.h"
 #include "core/text/split.h"
@@ -56,15 +56,8 @@ std::optional<FileFacts> factsOf(const fs::path& file, std::string& why) {
   }
   FileFacts facts;
   facts.size = st.st_size;
-  facts.created = st.st_mtim.tv_sec;
-#if defined(__linux__) && defined(STATX_BTIME)
-  struct statx sx {};
-  if (::statx(AT_FDCWD, file.c_str(), AT_STATX_DONT_SYNC, STATX_BTIME, &sx) == 0 &&
-      (sx.stx_mask & STATX_BTIME))
-    facts.created = sx.stx_btime.tv_sec;
-#elif defined(__APPLE__)
-  facts.created = st.st_birthtimespec.tv_sec;
-#endif
+  const platform::FileTimes times = platform::fileTimes(file, st);
+  facts.created = times.born.value_or(times.modified);
   return facts;
 }
 
@@ -100,7 +93,7 @@ std::string fileStem(const fs::path& file) {
 // for longer than the inserts take.
 class Batcher {
  public:
-  Batcher(OrvelDB& db, Result& result) : db_(db), result_(result), source_(db.orvelSourceId()) {}
+  Batcher(OrvelDB& db, Result& result) : db_(db), result_(result) {}
 
   void add(NewTrack p) {
     if (pending_.empty()) since_ = std::chrono::steady_clock::now();
@@ -117,24 +110,35 @@ class Batcher {
     std::vector<int64_t> added;
     int64_t dupes = 0;
     std::vector<Failure> failures;
-    Transaction tx(db_.connection());
-    for (const NewTrack& p : pending_) {
-      ImportOutcome outcome{};
-      const auto id = db_.insertImported(p, source_, &outcome);
-      if (!id)
-        failures.push_back({p.path, "the catalogue did not take it"});
-      else if (outcome == ImportOutcome::reused)
-        ++dupes;
-      else
-        added.push_back(*id);
+    Status written;
+    {
+      Transaction tx(db_.connection());
+      // Asked in every batch: a source row made in a batch that then failed
+      // to commit is gone with it.
+      const auto source = tx ? db_.tracks().orvelSourceId() : orvel::Result<int64_t>(tx.status());
+      written = source.status();
+      if (written) {
+        for (const NewTrack& p : pending_) {
+          ImportOutcome outcome{};
+          const auto id = db_.tracks().insertImported(p, *source, &outcome);
+          if (!id)
+            failures.push_back({p.path, "the catalogue did not take it: " + id.error()});
+          else if (outcome == ImportOutcome::reused)
+            ++dupes;
+          else
+            added.push_back(*id);
+        }
+        written = tx.commit();
+      }
     }
-    if (tx.commit()) {
+    if (written) {
       result_.added.insert(result_.added.end(), added.begin(), added.end());
       result_.dupes += dupes;
     } else {
+      // Nothing of the batch is in the catalogue, whatever each insert said.
       failures.clear();
       for (const NewTrack& p : pending_)
-        failures.push_back({p.path, "the catalogue could not be written"});
+        failures.push_back({p.path, "the catalogue could not be written: " + written.message()});
     }
     for (auto& f : failures) result_.failures.push_back(std::move(f));
     result_.failed = static_cast<int64_t>(result_.failures.size());
@@ -145,7 +149,6 @@ class Batcher {
   static constexpr auto kMaxHold = std::chrono::milliseconds(250);
   OrvelDB& db_;
   Result& result_;
-  int64_t source_;
   std::vector<NewTrack> pending_;
   std::chrono::steady_clock::time_point since_;
 };
@@ -277,7 +280,7 @@ Result ingest(std::span<const fs::path> urls, OrvelDB& db, const Options& opt) {
     }
     const bool copyThis = copying && !isInside(file, *opt.mediaRoot);
     // A file already in the library needs no tags read: its row is kept as it is.
-    if (!copyThis && db.liveTrackId(file.native())) {
+    if (!copyThis && db.tracks().liveTrackId(file.native())) {
       ++result.dupes;
       continue;
     }
@@ -302,7 +305,7 @@ Result ingest(std::span<const fs::path> urls, OrvelDB& db, const Options& opt) {
         continue;
       }
       path = dest->path;
-      if (db.liveTrackId(path.native())) {
+      if (db.tracks().liveTrackId(path.native())) {
         ++result.dupes;
         continue;
       }

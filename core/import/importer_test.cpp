@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -178,7 +179,7 @@ TEST_F(ImportTest, ImportsATreeOnceAndKeepsWhatTheUserChanged) {
   EXPECT_EQ(first.failed, 0);
   EXPECT_EQ(db().count("tracks"), 5);
 
-  const auto a = *db().liveTrackId(src("House/a.mp3").string());
+  const auto a = *db().tracks().liveTrackId(src("House/a.mp3").string());
   EXPECT_EQ(field(a, "year"), "2004");
   EXPECT_EQ(field(a, "label"), "Peacefrog");
   EXPECT_EQ(field(a, "key"), "8A");
@@ -186,19 +187,19 @@ TEST_F(ImportTest, ImportsATreeOnceAndKeepsWhatTheUserChanged) {
   EXPECT_EQ(field(a, "file_type"), "mp3");
   EXPECT_EQ(field(a, "samplerate_hz"), "44100");
   EXPECT_EQ(field(a, "production"), "0");
-  const auto c = *db().liveTrackId(src("Old/c.MP3").string());
+  const auto c = *db().tracks().liveTrackId(src("Old/c.MP3").string());
   EXPECT_EQ(field(c, "title"), "c");
   EXPECT_EQ(field(c, "artist"), "Unknown Artist");
   EXPECT_EQ(field(c, "album"), "Unknown Album");
   EXPECT_EQ(field(c, "filename"), "c.MP3");
-  const auto kick = *db().liveTrackId(src("Samples/kick.wav").string());
+  const auto kick = *db().tracks().liveTrackId(src("Samples/kick.wav").string());
   EXPECT_EQ(field(kick, "production"), "1");
 
   // The user's values on a kept row, and on a removed row brought back, survive.
-  ASSERT_TRUE(db().setField("bpm", "121", std::vector<int64_t>{a}, "Set BPM"));
-  const auto b = *db().liveTrackId(src("House/Deep/b.flac").string());
-  ASSERT_TRUE(db().setField("comment", "mine", std::vector<int64_t>{b}, "Edit"));
-  ASSERT_TRUE(db().softRemove(std::vector<int64_t>{b}));
+  ASSERT_TRUE(db().tracks().setField("bpm", "121", std::vector<int64_t>{a}, "Set BPM"));
+  const auto b = *db().tracks().liveTrackId(src("House/Deep/b.flac").string());
+  ASSERT_TRUE(db().tracks().setField("comment", "mine", std::vector<int64_t>{b}, "Edit"));
+  ASSERT_TRUE(db().tracks().softRemove(std::vector<int64_t>{b}));
 
   const auto again = ingest({inDir()});
   EXPECT_THAT(again.added, ElementsAre(b));  // brought back
@@ -300,13 +301,14 @@ TEST_F(ImportTest, BadFilesFailOrFallBackAndTheImportGoesOn) {
   EXPECT_EQ(r.failures[1].reason, "the file is gone");
   EXPECT_EQ(db().count("tracks"), 5);
 
-  EXPECT_EQ(field(*db().liveTrackId(src("noise.mp3").string()), "title"), "noise");
-  EXPECT_EQ(field(*db().liveTrackId(src("huge.mp3").string()), "artist"), "Unknown Artist");
-  const auto bad16 = *db().liveTrackId(src("bad16.mp3").string());
+  EXPECT_EQ(field(*db().tracks().liveTrackId(src("noise.mp3").string()), "title"), "noise");
+  EXPECT_EQ(field(*db().tracks().liveTrackId(src("huge.mp3").string()), "artist"),
+            "Unknown Artist");
+  const auto bad16 = *db().tracks().liveTrackId(src("bad16.mp3").string());
   EXPECT_TRUE(isValidUtf8(field(bad16, "title")));
   EXPECT_EQ(field(bad16, "artist"), "Fine");
-  EXPECT_LE(field(*db().liveTrackId(src("long.mp3").string()), "comment").size(), 4096u);
-  const auto uni = db().liveTrackId(src(nfd).string());
+  EXPECT_LE(field(*db().tracks().liveTrackId(src("long.mp3").string()), "comment").size(), 4096u);
+  const auto uni = db().tracks().liveTrackId(src(nfd).string());
   ASSERT_TRUE(uni);
   EXPECT_EQ(field(*uni, "path"), src(nfd).string());
   EXPECT_EQ(field(*uni, "title"), "Unicode");
@@ -321,6 +323,29 @@ TEST_F(ImportTest, AMediaRootThatCannotBeWrittenFailsEachCopy) {
   EXPECT_EQ(r.failed, 2);
   EXPECT_THAT(r.failures[0].reason, HasSubstr("cannot create the folder"));
   EXPECT_EQ(db().count("tracks"), 0);
+}
+
+// Another program holding the catalogue past the timeout: no file is
+// reported added, and each failure says why.
+TEST_F(ImportTest, ACatalogueThatCannotBeWrittenFailsEachFileWithTheReason) {
+  testing::writeAudioFile(src("a.mp3"), AudioFormat::mp3);
+  testing::writeAudioFile(src("b.mp3"), AudioFormat::mp3);
+  db().connection().setBusyTimeout(50);
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open(dbPath().c_str(), &other), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+  const auto r = ingest({inDir()});
+  sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr);
+  sqlite3_close(other);
+
+  EXPECT_TRUE(r.added.empty());
+  EXPECT_EQ(r.failed, 2);
+  ASSERT_EQ(r.failures.size(), 2u);
+  EXPECT_THAT(r.failures[0].reason, HasSubstr("the catalogue could not be written: "));
+  EXPECT_THAT(r.failures[1].reason, HasSubstr("locked"));
+  EXPECT_EQ(db().count("tracks"), 0);
+  // Once the catalogue is free the same files go in.
+  EXPECT_EQ(ingest({inDir()}).added.size(), 2u);
 }
 
 TEST_F(ImportTest, CancelStopsBetweenFilesAndKeepsWhatWasAdded) {

@@ -75,7 +75,7 @@ std::vector<std::filesystem::path> LibraryWatcher::drain(const OrvelDB& db) {
   }
   std::vector<std::filesystem::path> fresh;
   for (const auto& p : taken)
-    if (!db.hasTrack(p)) fresh.emplace_back(p);
+    if (!db.tracks().hasTrack(p)) fresh.emplace_back(p);
   if (!taken.empty()) note(fmt::format("watcher: {} noticed, {} new", taken.size(), fresh.size()));
   return fresh;
 }

@@ -98,7 +98,7 @@ TEST_F(LibraryWatcherTest, AFileCopiedIntoANewFolderIsImported) {
   }
   const auto took = std::chrono::duration<double>(std::chrono::steady_clock::now() - started);
   EXPECT_THAT(imported, ElementsAre(root / "New Album" / "CD1" / "song.mp3"));
-  EXPECT_TRUE(db().liveTrackId((root / "New Album" / "CD1" / "song.mp3").string()));
+  EXPECT_TRUE(db().tracks().liveTrackId((root / "New Album" / "CD1" / "song.mp3").string()));
   EXPECT_LT(took.count(), 3.5) << "the song took " << took.count() << " s to arrive";
 
   // Anything later in the batch window arrives too, and still no Ogg file.

@@ -2,11 +2,11 @@
 
 #include <fmt/format.h>
 
-#include <cstdlib>
 #include <vector>
 
 #include "core/formats/serato_library.h"
 #include "core/formats/serato_tags.h"
+#include "core/store/locations.h"
 #include "core/store/log.h"
 
 namespace orvel {
@@ -21,8 +21,7 @@ constexpr size_t kTagBatch = 200;
 }  // namespace
 
 fs::path defaultSeratoDir() {
-  const char* home = std::getenv("HOME");
-  return fs::path(home ? home : "") / "Music" / "_Serato_";
+  return locations::home() / "Music" / "_Serato_";
 }
 
 std::string describe(const SeratoRefreshCounts& c) {
@@ -61,9 +60,9 @@ SeratoImportResult readFromSerato(OrvelDB& db, const fs::path& seratoDir,
     note(fmt::format("serato: {}", result.message));
     return result;
   }
-  const auto folded = db.foldSeratoTracks(library);
+  const auto folded = db.serato().foldSeratoTracks(library);
   if (!folded) {
-    result.message = std::string(kCouldNotReadSerato) + db.lastError();
+    result.message = std::string(kCouldNotReadSerato) + folded.error();
     note(fmt::format("serato: {}", result.message));
     return result;
   }
@@ -74,33 +73,79 @@ SeratoImportResult readFromSerato(OrvelDB& db, const fs::path& seratoDir,
   files.reserve(library.tracks.size());
   for (const SeratoTrack& t : library.tracks) {
     if (!fs::is_regular_file(t.path, ec)) continue;
-    if (const auto id = db.trackId(t.path)) files.emplace_back(*id, &t.path);
+    if (const auto id = db.tracks().trackId(t.path)) files.emplace_back(*id, &t.path);
   }
   std::sort(files.begin(), files.end());
   files.erase(std::unique(files.begin(), files.end(),
                           [](const auto& a, const auto& b) { return a.first == b.first; }),
               files.end());
 
+  auto fail = [&](size_t count, const std::string& why) {
+    result.filesFailed += static_cast<int64_t>(count);
+    if (result.failure.empty()) result.failure = why;
+  };
+  // A batch's files count as stored only once it is committed.
   std::optional<Transaction> batch;
+  size_t batchFiles = 0;
+  int64_t batchChanged = 0;
+  auto commitBatch = [&] {
+    Status s = batch->commit();
+    batch.reset();
+    if (s)
+      result.counts.tagsStored += batchChanged;
+    else
+      fail(batchFiles, s.message());
+    batchFiles = 0;
+    batchChanged = 0;
+    return s.isOk();
+  };
   for (size_t i = 0; i < files.size(); ++i) {
     if (options.cancel && options.cancel->load()) {
       result.cancelled = true;
       break;
     }
     if (options.onProgress) options.onProgress(i, files.size());
-    if (!batch) batch.emplace(db.connection());
+    if (!batch) {
+      batch.emplace(db.connection());
+      if (!*batch) {
+        // The catalogue is held or unwritable: the rest would fail the same way.
+        fail(files.size() - i, batch->status().message());
+        batch.reset();
+        break;
+      }
+    }
     const SeratoFileTags tags = SeratoFileTags::read(*files[i].second);
     ++result.filesRead;
-    if (db.storeFileTags(files[i].first, tags) == TagsStored::changed) ++result.counts.tagsStored;
-    if ((i + 1) % kTagBatch == 0) {
-      batch->commit();
-      batch.reset();
+    switch (db.serato().storeFileTags(files[i].first, tags)) {
+      case TagsStored::changed:
+        ++batchChanged;
+        ++batchFiles;
+        break;
+      case TagsStored::unchanged:
+        ++batchFiles;
+        break;
+      case TagsStored::failed:
+        fail(1, "the catalogue did not take the cues of " + *files[i].second);
+        break;
+    }
+    if ((i + 1) % kTagBatch == 0 && !commitBatch()) {
+      fail(files.size() - i - 1, result.failure);
+      break;
     }
   }
-  if (batch) batch->commit();
+  if (batch) commitBatch();
   if (options.onProgress) options.onProgress(result.filesRead, files.size());
+  if (result.filesFailed > 0)
+    note(fmt::format("serato: cues and grids of {} files not stored: {}", result.filesFailed,
+                     result.failure));
 
   const bool added = result.counts.anythingAdded();
+  if (!added && result.filesFailed > 0) {
+    // Not up to date: what Serato has could not be stored.
+    result.outcome = SeratoImportResult::Outcome::failed;
+    result.message = std::string(kCouldNotStoreSerato) + result.failure;
+    return result;
+  }
   result.outcome =
       added ? SeratoImportResult::Outcome::updated : SeratoImportResult::Outcome::upToDate;
   result.message =

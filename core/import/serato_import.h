@@ -21,6 +21,10 @@ struct SeratoImportResult {
   std::string message;  // the sentence the user sees
   SeratoRefreshCounts counts;
   int64_t filesRead = 0;  // track files whose tags were read
+  // Track files whose cues and grid could not be stored, and the first
+  // reason; what was stored before (and besides) them stays.
+  int64_t filesFailed = 0;
+  std::string failure;
   bool cancelled = false;
 };
 
@@ -34,6 +38,7 @@ struct SeratoImportOptions {
 inline constexpr std::string_view kSeratoUpToDate = "Serato is already up to date";
 inline constexpr std::string_view kNoSeratoLibrary = "No Serato library on this Mac";
 inline constexpr std::string_view kCouldNotReadSerato = "Could not read Serato: ";
+inline constexpr std::string_view kCouldNotStoreSerato = "Could not store Serato's cues: ";
 
 // "_Serato_" in the user's Music folder.
 std::filesystem::path defaultSeratoDir();

@@ -64,9 +64,16 @@ class SeratoImportTest : public StoreTest {
                                 true, false));
   }
 
+  // The members' paths in crate order.
+  std::vector<std::string> memberPaths(int64_t playlist) {
+    std::vector<std::string> out;
+    for (int64_t id : db().playlists().orderedTrackIds(playlist))
+      out.emplace_back(db().tracks().loadTrack(id)->path());
+    return out;
+  }
   std::vector<std::string> seratoCues(int64_t track) {
     std::vector<std::string> out;
-    for (const CueRow& c : db().cues(track))
+    for (const CueRow& c : db().cues().cues(track))
       if (c.sourceId)
         out.push_back(fmt::format("{} {} @{} +{} {} {}", c.kind, c.index, c.positionMs,
                                   c.lengthMs.value_or(0), c.color, c.name));
@@ -77,7 +84,7 @@ class SeratoImportTest : public StoreTest {
 TEST_F(SeratoImportTest, FoldsTracksCratesAndFileTagsThenIsUpToDate) {
   // The user already has a.mp3, with a title of their own and a cue.
   const int64_t a = add(music("a.mp3"), "My title");
-  ASSERT_TRUE(db().addManualCue(a, 999));
+  ASSERT_TRUE(db().cues().addManualCue(a, 999));
   writeLibrary();
 
   const SeratoImportResult first = readFromSerato(db(), serato());
@@ -96,20 +103,20 @@ TEST_F(SeratoImportTest, FoldsTracksCratesAndFileTagsThenIsUpToDate) {
   EXPECT_EQ(field(a, "genre"), "House");
   EXPECT_EQ(field(a, "bpm"), "126.0");
   EXPECT_EQ(field(a, "duration_ms"), "312500");
-  const int64_t b = *db().trackId(music("b.mp3"));
+  const int64_t b = *db().tracks().trackId(music("b.mp3"));
   EXPECT_EQ(field(b, "title"), "B");
   EXPECT_EQ(field(b, "file_missing"), "0");
-  EXPECT_EQ(field(*db().trackId(music("gone.mp3")), "file_missing"), "1");
-  EXPECT_EQ(field(*db().trackId("/Volumes/USB/elsewhere.mp3"), "file_missing"), "1");
+  EXPECT_EQ(field(*db().tracks().trackId(music("gone.mp3")), "file_missing"), "1");
+  EXPECT_EQ(field(*db().tracks().trackId("/Volumes/USB/elsewhere.mp3"), "file_missing"), "1");
 
   // The tree and the members in crate order.
-  const auto vocal = db().playlistByPath("Deep / House / Vocal");
+  const auto vocal = db().playlists().playlistByPath("Deep / House / Vocal");
   ASSERT_TRUE(vocal);
-  EXPECT_EQ(db().playlistKind(*vocal), "crate");
-  EXPECT_THAT(db().playlistPaths(*vocal),
+  EXPECT_EQ(db().playlists().playlistKind(*vocal), "crate");
+  EXPECT_THAT(memberPaths(*vocal),
               ElementsAre(music("b.mp3"), music("a.mp3"), "/Volumes/USB/elsewhere.mp3"));
-  EXPECT_THAT(db().playlistPaths(*db().playlistByPath("Deep")), ElementsAre(music("a.mp3")));
-  const auto fast = db().playlistByPath("Fast");
+  EXPECT_THAT(memberPaths(*db().playlists().playlistByPath("Deep")), ElementsAre(music("a.mp3")));
+  const auto fast = db().playlists().playlistByPath("Fast");
   ASSERT_TRUE(fast);
   Statement smart = db().prepare("SELECT smart_criteria, smart_info FROM playlists WHERE id = ?");
   ASSERT_TRUE(smart.bind(1, *fast).step());
@@ -120,9 +127,9 @@ TEST_F(SeratoImportTest, FoldsTracksCratesAndFileTagsThenIsUpToDate) {
   // in 16 s, so 120 BPM.
   EXPECT_THAT(seratoCues(a),
               ElementsAre("cue 0 @1500 +0 #CC0000 Drop", "loop 0 @30000 +8000  Break"));
-  EXPECT_EQ(db().cues(a).size(), 3u);
-  const auto source = db().seratoSourceId();
-  const auto grid = db().beatGrid(a, source);
+  EXPECT_EQ(db().cues().cues(a).size(), 3u);
+  const auto source = db().serato().seratoSourceId().optional();
+  const auto grid = db().cues().beatGrid(a, source);
   ASSERT_EQ(grid.size(), 2u);
   EXPECT_DOUBLE_EQ(grid[0].posMs, 250);
   EXPECT_DOUBLE_EQ(grid[0].bpm, 120);
@@ -134,7 +141,7 @@ TEST_F(SeratoImportTest, FoldsTracksCratesAndFileTagsThenIsUpToDate) {
   EXPECT_EQ(second.outcome, SeratoImportResult::Outcome::upToDate);
   EXPECT_EQ(second.message, kSeratoUpToDate);
   EXPECT_EQ(db().count("tracks"), rows);
-  EXPECT_EQ(db().orderedTrackIds(*vocal).size(), 3u);
+  EXPECT_EQ(db().playlists().orderedTrackIds(*vocal).size(), 3u);
 
   // Serato moved the cue: only that file's Serato cues are replaced.
   writeBytes(music("a.mp3"),
@@ -143,8 +150,8 @@ TEST_F(SeratoImportTest, FoldsTracksCratesAndFileTagsThenIsUpToDate) {
   EXPECT_EQ(third.counts.tagsStored, 1);
   EXPECT_EQ(third.message, "Read from Serato: cues and grids from 1 file");
   EXPECT_THAT(seratoCues(a), ElementsAre("cue 0 @2500 +0 #00CC00 Drop"));
-  EXPECT_TRUE(db().beatGrid(a, source).empty());
-  EXPECT_EQ(db().cues(a).size(), 2u);  // the user's cue is still there
+  EXPECT_TRUE(db().cues().beatGrid(a, source).empty());
+  EXPECT_EQ(db().cues().cues(a).size(), 2u);  // the user's cue is still there
 }
 
 TEST_F(SeratoImportTest, ReportsAMissingOrUnreadableLibrary) {
@@ -161,7 +168,7 @@ TEST_F(SeratoImportTest, ReportsAMissingOrUnreadableLibrary) {
 TEST(SeratoGrid, AnchorsTakeTheirTempoFromTheBeatsToTheNext) {
   const std::vector<SeratoGridAnchor> anchors{
       {0.5, std::nullopt, 64}, {30.5, std::nullopt, 16}, {38.5, 124.0, std::nullopt}};
-  const auto grid = OrvelDB::gridFromSerato(anchors);
+  const auto grid = SeratoStore::gridFromSerato(anchors);
   ASSERT_EQ(grid.size(), 3u);
   EXPECT_DOUBLE_EQ(grid[0].bpm, 128);
   EXPECT_DOUBLE_EQ(grid[1].bpm, 120);
@@ -170,7 +177,7 @@ TEST(SeratoGrid, AnchorsTakeTheirTempoFromTheBeatsToTheNext) {
   // the grid ends with instead of writing nonsense.
   const std::vector<SeratoGridAnchor> damaged{
       {std::nan(""), std::nullopt, 4}, {1.0, std::nullopt, 4}, {1.0, 100.0, std::nullopt}};
-  const auto kept = OrvelDB::gridFromSerato(damaged);
+  const auto kept = SeratoStore::gridFromSerato(damaged);
   ASSERT_EQ(kept.size(), 2u);
   EXPECT_DOUBLE_EQ(kept[0].bpm, 100);
 }

@@ -101,19 +101,6 @@ uint32_t randomU32() {
 
 }  // namespace
 
-void Journal::ensureSchema() const {
-  conn_.execIgnoring(
-      "CREATE TABLE IF NOT EXISTS history("
-      "id INTEGER PRIMARY KEY, op_id TEXT NOT NULL, op_name TEXT NOT NULL, entity TEXT NOT NULL, "
-      "entity_id INTEGER NOT NULL, field TEXT NOT NULL, old_value TEXT, new_value TEXT, "
-      "at INTEGER NOT NULL, undone INTEGER NOT NULL DEFAULT 0);"
-      "CREATE INDEX IF NOT EXISTS idx_history_op ON history(op_id);"
-      "CREATE INDEX IF NOT EXISTS idx_history_at ON history(at DESC);"
-      // Which row ids the history knows, so a reused id can be told apart.
-      "CREATE INDEX IF NOT EXISTS idx_history_rows ON history(entity, entity_id) "
-      "WHERE field = '@row';");
-}
-
 std::string Journal::slug(std::string_view opName) {
   // Letters and digits of any script stay ("café" keeps its é); every other
   // character becomes a dash; runs of dashes collapse and none lead or trail.
@@ -151,24 +138,28 @@ std::string Journal::begin(std::string_view opName) const {
   return makeOpId(opName, unixNow(), randomU32());
 }
 
-void Journal::record(const std::string& opId, const std::string& opName, const std::string& entity,
-                     int64_t entityId, const std::string& field,
-                     const std::optional<std::string>& oldValue,
-                     const std::optional<std::string>& newValue) const {
-  Statement st = conn_.prepare(
+Status Journal::record(const std::string& opId, const std::string& opName,
+                       const std::string& entity, int64_t entityId, const std::string& field,
+                       const std::optional<std::string>& oldValue,
+                       const std::optional<std::string>& newValue) const {
+  Statement st = conn_.cached(
       "INSERT INTO history(op_id, op_name, entity, entity_id, field, old_value, new_value, at)\n"
       "VALUES(?,?,?,?,?,?,?,?)");
   st.bind(1, opId).bind(2, opName).bind(3, entity).bind(4, entityId).bind(5, field);
   st.bind(6, oldValue).bind(7, newValue).bind(8, unixNow());
-  st.stepCode();
+  if (st.stepCode() != SQLITE_DONE) return conn_.lastStatus();
+  return Status::ok();
 }
 
-void Journal::recordCurrent(const std::string& opId, const std::string& opName,
-                            const std::string& table, std::span<const int64_t> ids,
-                            const std::string& field,
-                            const std::optional<std::string>& newValue) const {
-  if (ids.empty() || !validIdentifier(table) || !validIdentifier(field)) return;
+Status Journal::recordCurrent(const std::string& opId, const std::string& opName,
+                              const std::string& table, std::span<const int64_t> ids,
+                              const std::string& field,
+                              const std::optional<std::string>& newValue) const {
+  if (ids.empty()) return Status::ok();
+  if (!validIdentifier(table) || !validIdentifier(field))
+    return Status::invalid("no such field: " + table + "." + field);
   Transaction tx(conn_);
+  if (!tx) return tx.status();
   Statement read = conn_.prepare("SELECT id, CAST(" + field + " AS TEXT) FROM " + table +
                                  " WHERE id IN (" + joinIds(ids) + ")");
   Statement ins = conn_.prepare(
@@ -179,9 +170,9 @@ void Journal::recordCurrent(const std::string& opId, const std::string& opName,
     ins.reset();
     ins.bind(1, opId).bind(2, opName).bind(3, table).bind(4, read.int64(0)).bind(5, field);
     ins.bind(6, read.optText(1)).bind(7, newValue).bind(8, now);
-    ins.stepCode();
+    if (ins.stepCode() != SQLITE_DONE) return conn_.lastStatus();
   }
-  tx.commit();
+  return tx.commit();
 }
 
 std::optional<std::string> Journal::primaryKey(const std::string& table) const {
@@ -217,23 +208,23 @@ std::string Journal::membersJSON(int64_t playlistId) const {
   return members.dump();
 }
 
-void Journal::snapshotRow(const std::string& opId, const std::string& opName,
-                          const std::string& table, int64_t id) const {
-  record(opId, opName, table, id, std::string(kRowField), rowJSON(table, id), std::nullopt);
-}
-
-void Journal::snapshotPlaylist(const std::string& opId, const std::string& opName,
-                               int64_t playlistId) const {
-  record(opId, opName, "playlists", playlistId, std::string(kMembersField), membersJSON(playlistId),
-         std::nullopt);
-}
-
-void Journal::recordCreated(const std::string& opId, const std::string& opName,
+Status Journal::snapshotRow(const std::string& opId, const std::string& opName,
                             const std::string& table, int64_t id) const {
-  record(opId, opName, table, id, std::string(kRowField), std::nullopt, rowJSON(table, id));
+  return record(opId, opName, table, id, std::string(kRowField), rowJSON(table, id), std::nullopt);
 }
 
-void Journal::seal(const std::string& opId) const {
+Status Journal::snapshotPlaylist(const std::string& opId, const std::string& opName,
+                                 int64_t playlistId) const {
+  return record(opId, opName, "playlists", playlistId, std::string(kMembersField),
+                membersJSON(playlistId), std::nullopt);
+}
+
+Status Journal::recordCreated(const std::string& opId, const std::string& opName,
+                              const std::string& table, int64_t id) const {
+  return record(opId, opName, table, id, std::string(kRowField), std::nullopt, rowJSON(table, id));
+}
+
+Status Journal::seal(const std::string& opId) const {
   std::vector<std::tuple<int64_t, std::string, int64_t, std::string>> pending;
   {
     // Entries made by recordCreated already carry their new value.
@@ -250,8 +241,9 @@ void Journal::seal(const std::string& opId) const {
       up.bind(1, membersJSON(entityId));
     else
       up.bind(1, rowJSON(entity, entityId));
-    up.bind(2, rowId).stepCode();
+    if (up.bind(2, rowId).stepCode() != SQLITE_DONE) return conn_.lastStatus();
   }
+  return Status::ok();
 }
 
 bool Journal::restoreRow(const std::string& table, int64_t id,
@@ -263,7 +255,8 @@ bool Journal::restoreRow(const std::string& table, int64_t id,
   if (parsed.is_array()) {
     // A member list; only playlists have one.
     if (table != "playlists") return false;
-    conn_.execIgnoring("DELETE FROM playlist_tracks WHERE playlist_id = " + std::to_string(id));
+    if (conn_.execChecked("DELETE FROM playlist_tracks WHERE playlist_id = " + std::to_string(id)))
+      return false;
     Statement ins = conn_.prepare(
         "INSERT OR IGNORE INTO playlist_tracks(playlist_id, track_id, position) VALUES(?,?,?)");
     int64_t position = 0;
@@ -374,14 +367,14 @@ std::vector<Journal::Entry> Journal::entries(const std::string& opId) const {
   return out;
 }
 
-int Journal::undo(const std::string& opId) const {
+Result<int> Journal::undo(const std::string& opId) const {
   return apply(opId, true);
 }
-int Journal::redo(const std::string& opId) const {
+Result<int> Journal::redo(const std::string& opId) const {
   return apply(opId, false);
 }
 
-int Journal::apply(const std::string& opId, bool undoing) const {
+Result<int> Journal::apply(const std::string& opId, bool undoing) const {
   struct Pending {
     std::string entity;
     int64_t entityId;
@@ -404,6 +397,7 @@ int Journal::apply(const std::string& opId, bool undoing) const {
 
   int applied = 0;
   Transaction tx(conn_);
+  if (!tx) return tx.status();
   for (const auto& e : pending) {
     if (e.field == kRowField || e.field == kMembersField) {
       if (restoreRow(e.entity, e.entityId, e.value)) ++applied;
@@ -418,8 +412,8 @@ int Journal::apply(const std::string& opId, bool undoing) const {
   }
   Statement mark = conn_.prepare(undoing ? "UPDATE history SET undone = 1 WHERE op_id = ?"
                                          : "UPDATE history SET undone = 0 WHERE op_id = ?");
-  mark.bind(1, opId).stepCode();
-  tx.commit();
+  if (mark.bind(1, opId).stepCode() != SQLITE_DONE) return conn_.lastStatus();
+  if (Status kept = tx.commit(); !kept) return kept;
   return applied;
 }
 

@@ -4,7 +4,9 @@
 // column to value) and playlist member lists ("@members", a JSON array of track
 // ids) are recorded the same way, so deletions and creations can be reversed.
 //
-// Shares the store's connection and adds no lock. Failures never throw.
+// Shares the store's connection and its thread. Failures never throw: every
+// write returns a Status, and an edit whose history cannot be written must
+// roll back with it (callers record inside their own Transaction).
 #pragma once
 
 #include <cstdint>
@@ -46,39 +48,36 @@ class Journal {
 
   explicit Journal(const Connection& conn) : conn_(conn) {}
 
-  // Creates `history` and its indexes (run by the store after its upgrade).
-  void ensureSchema() const;
-
   // A new op id: "<unix seconds>-<random u32>-<slug of the name>".
   std::string begin(std::string_view opName) const;
   static std::string slug(std::string_view opName);
   static std::string makeOpId(std::string_view opName, int64_t unixSeconds, uint32_t random);
 
-  void record(const std::string& opId, const std::string& opName, const std::string& entity,
-              int64_t entityId, const std::string& field,
-              const std::optional<std::string>& oldValue,
-              const std::optional<std::string>& newValue) const;
+  Status record(const std::string& opId, const std::string& opName, const std::string& entity,
+                int64_t entityId, const std::string& field,
+                const std::optional<std::string>& oldValue,
+                const std::optional<std::string>& newValue) const;
 
   // Records the current value of `field` (as text) for each id as the old
   // value and `newValue` as the new one. Call before writing.
-  void recordCurrent(const std::string& opId, const std::string& opName, const std::string& table,
-                     std::span<const int64_t> ids, const std::string& field,
-                     const std::optional<std::string>& newValue) const;
+  Status recordCurrent(const std::string& opId, const std::string& opName, const std::string& table,
+                       std::span<const int64_t> ids, const std::string& field,
+                       const std::optional<std::string>& newValue) const;
 
   // The whole row as it stands now (NULL when it does not exist) as the old
   // value of an "@row" entry. After the edit, `seal` stores the new image.
-  void snapshotRow(const std::string& opId, const std::string& opName, const std::string& table,
-                   int64_t id) const;
+  Status snapshotRow(const std::string& opId, const std::string& opName, const std::string& table,
+                     int64_t id) const;
   // The ordered member list of a playlist as the old value of "@members".
-  void snapshotPlaylist(const std::string& opId, const std::string& opName,
-                        int64_t playlistId) const;
+  Status snapshotPlaylist(const std::string& opId, const std::string& opName,
+                          int64_t playlistId) const;
   // A row the operation has just created: old value NULL, new value the row,
   // so undo deletes it and redo puts it back.
-  void recordCreated(const std::string& opId, const std::string& opName, const std::string& table,
-                     int64_t id) const;
+  Status recordCreated(const std::string& opId, const std::string& opName, const std::string& table,
+                       int64_t id) const;
   // Fills in the new value of the operation's "@row"/"@members" entries from
   // the rows as they stand after the edit (NULL for a row that is now gone).
-  void seal(const std::string& opId) const;
+  Status seal(const std::string& opId) const;
 
   // Puts a recorded value back: a JSON object is a row (INSERT OR REPLACE), a
   // JSON array a member list, and no value deletes the row.
@@ -87,10 +86,11 @@ class Journal {
 
   std::vector<Operation> operations(int limit) const;
   std::vector<Entry> entries(const std::string& opId) const;
-  // Each returns how many entries it applied; an op with nothing left to
-  // undo (or redo) applies none.
-  int undo(const std::string& opId) const;
-  int redo(const std::string& opId) const;
+  // Each returns how many entries it applied, in one transaction; an op
+  // with nothing left to undo (or redo) applies none. A failed commit is an
+  // error, never a count.
+  Result<int> undo(const std::string& opId) const;
+  Result<int> redo(const std::string& opId) const;
   // The same operations in the order they were recorded: the listing orders
   // operations of one second by op id, which holds a random number.
   std::vector<Operation> inRecordedOrder(std::vector<Operation> ops) const;
@@ -106,7 +106,7 @@ class Journal {
   std::string membersJSON(int64_t playlistId) const;
 
  private:
-  int apply(const std::string& opId, bool undoing) const;
+  Result<int> apply(const std::string& opId, bool undoing) const;
   void keepSlotFree(nlohmann::json& cue, int64_t id) const;
   bool wouldLoop(int64_t node, const std::optional<std::string>& parent) const;
   std::optional<std::string> primaryKey(const std::string& table) const;

@@ -28,11 +28,11 @@ class JournalTest : public StoreTest {
 TEST_F(JournalTest, OperationsListNewestFirstWithOpIdBreakingTies) {
   Journal& j = journal();
   EXPECT_TRUE(std::regex_match(j.begin("Set Rating"), std::regex(R"(\d{10}-\d+-set-rating)")));
-  j.record("100-1-b", "B", "tracks", 1, "genre", "x", "y");
-  j.record("100-2-c", "C", "tracks", 1, "genre", "y", "z");
-  j.record("100-2-c", "C", "tracks", 2, "genre", "y", "z");
+  ASSERT_TRUE(j.record("100-1-b", "B", "tracks", 1, "genre", "x", "y").isOk());
+  ASSERT_TRUE(j.record("100-2-c", "C", "tracks", 1, "genre", "y", "z").isOk());
+  ASSERT_TRUE(j.record("100-2-c", "C", "tracks", 2, "genre", "y", "z").isOk());
   db().execChecked("UPDATE history SET at = 100");  // all in the same second
-  j.record("099-9-a", "A", "tracks", 1, "genre", "w", "x");
+  ASSERT_TRUE(j.record("099-9-a", "A", "tracks", 1, "genre", "w", "x").isOk());
   db().execChecked("UPDATE history SET at = 99 WHERE op_id = '099-9-a'");
   const auto ops = j.operations(10);
   ASSERT_EQ(ops.size(), 3u);
@@ -45,38 +45,40 @@ TEST_F(JournalTest, OperationsListNewestFirstWithOpIdBreakingTies) {
 TEST_F(JournalTest, SoftRemovalUndoesRedoesOnceAndSurvivesARestart) {
   const int64_t a = add("/m/a.mp3");
   const int64_t b = add("/m/b.mp3");
-  const auto opId = db().softRemove(std::vector<int64_t>{a, b});
+  const auto opId = db().tracks().softRemove(std::vector<int64_t>{a, b});
   ASSERT_TRUE(opId);
-  EXPECT_TRUE(reopen().loadAllTracks().empty());
+  EXPECT_TRUE(reopen().tracks().loadAllTracks().empty());
 
   EXPECT_EQ(journal().lastUndoable()->id, *opId);
-  EXPECT_EQ(journal().undo(*opId), 2);
-  EXPECT_EQ(journal().undo(*opId), 0);  // nothing left to undo
-  EXPECT_EQ(reopen().loadAllTracks().size(), 2u);
+  EXPECT_EQ(journal().undo(*opId).value_or(-1), 2);
+  EXPECT_EQ(journal().undo(*opId).value_or(-1), 0);  // nothing left to undo
+  EXPECT_EQ(reopen().tracks().loadAllTracks().size(), 2u);
   EXPECT_EQ(field(a, "removed"), "");
   EXPECT_TRUE(journal().operations(1)[0].undone);
   EXPECT_EQ(journal().lastRedoable()->id, *opId);
 
-  EXPECT_EQ(journal().redo(*opId), 2);
-  EXPECT_TRUE(db().loadAllTracks().empty());
+  EXPECT_EQ(journal().redo(*opId).value_or(-1), 2);
+  EXPECT_TRUE(db().tracks().loadAllTracks().empty());
   EXPECT_EQ(journal().lastRedoable(), std::nullopt);
 }
 
 TEST_F(JournalTest, RedoFollowsTheUndoStackAndANewEditClosesIt) {
   const int64_t a = add("/m/a.mp3");
-  const auto first = db().setField("genre", "House", std::vector<int64_t>{a}, "Edit Genre");
+  const auto first =
+      db().tracks().setField("genre", "House", std::vector<int64_t>{a}, "Edit Genre");
   db().execChecked("UPDATE history SET at = at - 10");
-  const auto second = db().setField("genre", "Techno", std::vector<int64_t>{a}, "Edit Genre");
-  journal().undo(*second);
-  journal().undo(*first);
+  const auto second =
+      db().tracks().setField("genre", "Techno", std::vector<int64_t>{a}, "Edit Genre");
+  ASSERT_TRUE(journal().undo(*second));
+  ASSERT_TRUE(journal().undo(*first));
   EXPECT_EQ(field(a, "genre"), "");
   EXPECT_EQ(journal().lastRedoable()->id, *first);  // undone last, redone first
-  journal().redo(*first);
+  ASSERT_TRUE(journal().redo(*first));
   EXPECT_EQ(journal().lastRedoable()->id, *second);
-  db().setField("genre", "Disco", std::vector<int64_t>{a}, "Edit Genre");
+  ASSERT_TRUE(db().tracks().setField("genre", "Disco", std::vector<int64_t>{a}, "Edit Genre"));
   EXPECT_EQ(journal().lastRedoable(), std::nullopt);
   // Any operation may still be redone by id.
-  EXPECT_EQ(journal().redo(*second), 1);
+  EXPECT_EQ(journal().redo(*second).value_or(-1), 1);
   EXPECT_EQ(field(a, "genre"), "Techno");
 }
 
@@ -91,49 +93,49 @@ TEST_F(JournalTest, WholeRowsAndMemberListsComeBack) {
 
   // Deleting a crate: members first, then the row, as the store records them.
   const std::string del = j.begin("Delete Playlist");
-  j.snapshotPlaylist(del, "Delete Playlist", 40);
-  j.snapshotRow(del, "Delete Playlist", "playlists", 40);
+  ASSERT_TRUE(j.snapshotPlaylist(del, "Delete Playlist", 40).isOk());
+  ASSERT_TRUE(j.snapshotRow(del, "Delete Playlist", "playlists", 40).isOk());
   db().execChecked(
       "DELETE FROM playlist_tracks WHERE playlist_id = 40; DELETE FROM playlists WHERE id = 40");
-  j.seal(del);
-  EXPECT_EQ(reopen().journal().undo(del), 2);
+  ASSERT_TRUE(j.seal(del).isOk());
+  EXPECT_EQ(reopen().journal().undo(del).value_or(-1), 2);
   EXPECT_EQ(
       db().scalarInt(
           "SELECT COUNT(*) FROM playlists WHERE id = 40 AND name = 'Warm-up' AND color = '#fff'"),
       1);
   EXPECT_EQ(db().journal().membersJSON(40),
             "[" + std::to_string(t2) + "," + std::to_string(t1) + "]");
-  EXPECT_EQ(db().journal().redo(del), 2);
+  EXPECT_EQ(db().journal().redo(del).value_or(-1), 2);
   EXPECT_EQ(db().count("playlists"), 0);
   EXPECT_EQ(db().count("playlist_tracks"), 0);
 
   // Creating a row: undo deletes it, redo recreates it as it was.
   db().execChecked("INSERT INTO playlists(id, name) VALUES(41, 'Peak')");
   const std::string make = db().journal().begin("New Crate");
-  db().journal().recordCreated(make, "New Crate", "playlists", 41);
-  EXPECT_EQ(db().journal().undo(make), 1);
+  ASSERT_TRUE(db().journal().recordCreated(make, "New Crate", "playlists", 41).isOk());
+  EXPECT_EQ(db().journal().undo(make).value_or(-1), 1);
   EXPECT_EQ(db().count("playlists"), 0);
-  EXPECT_EQ(db().journal().redo(make), 1);
+  EXPECT_EQ(db().journal().redo(make).value_or(-1), 1);
   EXPECT_EQ(db().scalarInt("SELECT COUNT(*) FROM playlists WHERE id = 41 AND name = 'Peak'"), 1);
 }
 
 TEST_F(JournalTest, EntriesOutsideTheWritableTableAreNeverApplied) {
   const int64_t a = add("/m/a.mp3");
   Journal& j = journal();
-  j.record("1-1-x", "X", "tracks", a, "path_norm", "/evil", "/m/a.mp3");
-  j.record("1-1-x", "X", "tracks", a, "id; DROP TABLE tracks", "1", "2");
-  j.record("1-1-x", "X", "sqlite_master", a, "@row", "{}", std::nullopt);
-  j.record("1-1-x", "X", "tracks", a, "catalog_no", "A-1", "A-2");  // no such column
-  j.record("1-1-x", "X", "tracks", a, "rating", "40", "60");
-  EXPECT_EQ(j.undo("1-1-x"), 1);
+  ASSERT_TRUE(j.record("1-1-x", "X", "tracks", a, "path_norm", "/evil", "/m/a.mp3").isOk());
+  ASSERT_TRUE(j.record("1-1-x", "X", "tracks", a, "id; DROP TABLE tracks", "1", "2").isOk());
+  ASSERT_TRUE(j.record("1-1-x", "X", "sqlite_master", a, "@row", "{}", std::nullopt).isOk());
+  ASSERT_TRUE(j.record("1-1-x", "X", "tracks", a, "catalog_no", "A-1", "A-2").isOk());  // no column
+  ASSERT_TRUE(j.record("1-1-x", "X", "tracks", a, "rating", "40", "60").isOk());
+  EXPECT_EQ(j.undo("1-1-x").value_or(-1), 1);
   EXPECT_EQ(field(a, "rating"), "40");
   EXPECT_EQ(field(a, "path_norm"), "/m/a.mp3");
   EXPECT_TRUE(j.operations(1)[0].undone);
   EXPECT_FALSE(Journal::isWritable("tracks", "merged_into"));
   // Rows of tables keyed on several columns cannot be put back "by id".
-  db().addTag(std::vector<int64_t>{a}, "vocal");
+  ASSERT_TRUE(db().trackData().addTag(std::vector<int64_t>{a}, "vocal").isOk());
   EXPECT_FALSE(j.restoreRow("track_tags", a, std::nullopt));
-  EXPECT_EQ(db().tagsOf(a).size(), 1u);
+  EXPECT_EQ(db().trackData().tagsOf(a).size(), 1u);
   EXPECT_EQ(Journal::writable("tracks").front(), "removed");
   EXPECT_EQ(Journal::writable("playlists").front(), "name");
 }

@@ -46,15 +46,13 @@ std::string snapshotPrefix(const std::string& dbPath) {
 
 }  // namespace
 
-OrvelDB::OrvelDB(const std::string& path)
+OrvelDB::OrvelDB(const std::string& path, OpenMode mode)
     : path_(path),
-      conn_(path),
+      conn_(path, mode),
       journal_(conn_),
       snapshots_(conn_, snapshotsBeside(path), snapshotPrefix(path)) {
-  // A window and a command line may hold the same catalogue; wait for the
-  // other writer instead of failing at once.
-  sqlite3_busy_timeout(conn_.handle(), 5000);
-  conn_.execIgnoring("PRAGMA journal_mode=WAL");
+  // Connection settings, not writes: an up-to-date catalogue is opened
+  // without touching the file.
   conn_.execIgnoring("PRAGMA synchronous=NORMAL");
   // Bulk work (imports, upgrades of big catalogues) touches many index pages;
   // the default 2 MB page cache makes it spill to the WAL over and over.
@@ -65,10 +63,6 @@ OrvelDB::OrvelDB(const std::string& path)
   conn_.execIgnoring("PRAGMA temp_store=MEMORY");
   registerFunctions();
   migrate();
-  journal_.ensureSchema();
-  ensureReleaseSchema();
-  ensureTagSchema();
-  ensureSmartSchema();
 }
 
 OrvelDB::~OrvelDB() = default;
@@ -78,7 +72,10 @@ void OrvelDB::registerFunctions() {
                              nullptr, orvelNormSql, nullptr, nullptr, nullptr);
 }
 
-int64_t OrvelDB::freshRowId(std::string_view table, int64_t id) {
+StoreArea::StoreArea(OrvelDB& db)
+    : db_(db), conn_(db.connection()), journal_(db.journal()), snapshots_(db.snapshots()) {}
+
+int64_t StoreArea::freshRowId(std::string_view table, int64_t id) const {
   Statement known =
       conn_.prepare("SELECT MAX(entity_id) FROM history WHERE entity = ? AND field = '@row'");
   known.bind(1, table);
@@ -94,20 +91,28 @@ std::string OrvelDB::normalizePath(std::string_view path) {
   return normalizePathKey(path);
 }
 
-bool OrvelDB::backup(const std::string& to) const {
+Status OrvelDB::backup(const std::string& to) const {
   sqlite3* dest = nullptr;
-  if (sqlite3_open_v2(to.c_str(), &dest, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
-      SQLITE_OK) {
+  if (const int rc =
+          sqlite3_open_v2(to.c_str(), &dest, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+      rc != SQLITE_OK) {
+    Status why = Status::sqlite(rc, dest != nullptr ? sqlite3_errmsg(dest) : "");
     sqlite3_close(dest);
-    return false;
+    return why;
   }
-  bool ok = false;
+  Status status = Status::failed("could not start the backup");
   if (sqlite3_backup* b = sqlite3_backup_init(dest, "main", conn_.handle(), "main")) {
-    ok = sqlite3_backup_step(b, -1) == SQLITE_DONE;
-    ok = sqlite3_backup_finish(b) == SQLITE_OK && ok;
+    const int stepped = sqlite3_backup_step(b, -1);
+    const int finished = sqlite3_backup_finish(b);
+    status = stepped != SQLITE_DONE  ? Status::sqlite(stepped, "")
+             : finished != SQLITE_OK ? Status::sqlite(finished, sqlite3_errmsg(dest))
+                                     : Status::ok();
+  } else {
+    status = Status::sqlite(sqlite3_errcode(dest), sqlite3_errmsg(dest));
   }
-  ok = sqlite3_close(dest) == SQLITE_OK && ok;
-  return ok;
+  if (const int rc = sqlite3_close(dest); rc != SQLITE_OK && status)
+    status = Status::sqlite(rc, "");
+  return status;
 }
 
 IdsOrError OrvelDB::idsFromSelect(std::string_view sql) const {
@@ -137,9 +142,11 @@ IdsOrError OrvelDB::idsFromSelect(std::string_view sql) const {
   return out;
 }
 
-void OrvelDB::notifyFieldWritten(const std::string& field, const std::optional<std::string>& value,
-                                 std::span<const int64_t> ids) const {
-  if (onFieldWritten) onFieldWritten(field, value, std::vector<int64_t>(ids.begin(), ids.end()));
+Status OrvelDB::snapshotBefore(const std::string& reason) {
+  if (snapshots_.take(reason, 60)) return Status::ok();
+  // Skipped (a fresh one exists) leaves no error.
+  if (snapshots_.lastError().empty()) return Status::ok();
+  return Status::failed(snapshots_.lastError());
 }
 
 }  // namespace orvel

@@ -33,20 +33,28 @@ bool onOfflineVolume(const std::string& path) {
 
 }  // namespace
 
-int64_t OrvelDB::mergeTrack(int64_t loser, int64_t keeper) {
+Result<int64_t> TrackStore::mergeTrack(int64_t loser, int64_t keeper) {
   Transaction tx(conn_);
-  int64_t moved = 0;
-  if (!conn_.execChecked(
+  if (!tx) return tx.status();
+  if (Status s = conn_.exec(
           fmt::format("INSERT OR IGNORE INTO playlist_tracks(playlist_id, track_id, position)\n"
                       "SELECT playlist_id, {}, position FROM playlist_tracks WHERE track_id={}",
-                      keeper, loser)))
-    moved = conn_.changes();
-  conn_.execIgnoring(fmt::format("DELETE FROM playlist_tracks WHERE track_id={}", loser));
-  conn_.execIgnoring(fmt::format("UPDATE tracks SET merged_into={} WHERE id={}", keeper, loser));
-  return tx.commit() ? moved : 0;
+                      keeper, loser));
+      !s)
+    return s;
+  const int64_t moved = conn_.changes();
+  if (Status s = conn_.exec(fmt::format("DELETE FROM playlist_tracks WHERE track_id={}", loser));
+      !s)
+    return s;
+  if (Status s =
+          conn_.exec(fmt::format("UPDATE tracks SET merged_into={} WHERE id={}", keeper, loser));
+      !s)
+    return s;
+  if (Status kept = tx.commit(); !kept) return kept;
+  return moved;
 }
 
-RelinkStats OrvelDB::relink(bool apply) {
+RelinkStats TrackStore::relink(bool apply) {
   RelinkStats stats;
   std::vector<std::pair<int64_t, std::string>> dead;
   {
@@ -68,8 +76,7 @@ RelinkStats OrvelDB::relink(bool apply) {
   if (apply && !dead.empty()) {
     const auto file = snapshots_.take("before relink", 0);
     if (!file) {
-      stats.refused = true;
-      lastError_ = snapshots_.lastError();
+      stats.status = Status::failed(snapshots_.lastError());
       return stats;
     }
     stats.snapshot = file->string();
@@ -77,11 +84,20 @@ RelinkStats OrvelDB::relink(bool apply) {
 
   // A dry run writes nothing, so it takes no write lock either.
   std::optional<Transaction> tx;
-  if (apply) tx.emplace(conn_);
+  if (apply) {
+    tx.emplace(conn_);
+    if (!*tx) {
+      stats.status = tx->status();
+      return stats;
+    }
+  }
   Statement candidates = conn_.prepare(
       "SELECT id FROM tracks WHERE filename=? AND merged_into IS NULL AND id != ? AND "
       "file_missing=0");
   Statement pathOf = conn_.prepare("SELECT path FROM tracks WHERE id=?");
+  // After a failed write nothing more is written (the transaction rolls back
+  // whole), but the rows are still counted as a dry run counts them.
+  bool writing = apply;
   for (const auto& [id, path] : dead) {
     candidates.reset();
     candidates.bind(1, lastPathComponent(path)).bind(2, id);
@@ -93,16 +109,29 @@ RelinkStats OrvelDB::relink(bool apply) {
     }
     if (survivors.size() == 1) {
       ++stats.relinked;
-      if (apply) stats.linksMoved += mergeTrack(id, survivors.front());
+      if (writing) {
+        if (auto moved = mergeTrack(id, survivors.front())) {
+          stats.linksMoved += *moved;
+        } else {
+          stats.status = moved.status();
+          writing = false;
+        }
+      }
       continue;
     }
     if (survivors.empty())
       ++stats.unmatched;
     else
       ++stats.ambiguous;
-    if (apply) markMissing(id);
+    if (writing) {
+      if (Status s = markMissing(id); !s) {
+        stats.status = s;
+        writing = false;
+      }
+    }
   }
-  if (tx) tx->commit();
+  if (tx && stats.status) stats.status = tx->commit();
+  if (!stats.status) stats.linksMoved = 0;  // rolled back: no link moved
   return stats;
 }
 

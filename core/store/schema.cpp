@@ -1,7 +1,16 @@
-// The catalogue's schema and its upgrade. Every step runs on every open and
-// ignores its own error: adding a column that exists fails harmlessly, so
-// idempotent ALTERs are the versioning scheme. `user_version` only marks that
-// the one-time path-key repair has run.
+// The catalogue's schema and its numbered migrations, keyed on
+// `PRAGMA user_version`. Opening an up-to-date catalogue writes nothing at
+// all (no DDL, no log line), so a reader never waits on a writer and a backup
+// opened to look at stays byte for byte as it was.
+//
+//   0 → 1  the historical upgrade: the rebuild that drops the old UNIQUE on
+//          `path`, every table and column added over the years (each ALTER
+//          idempotent, its error ignored), and the one-time path-key repair.
+//   1 → 2  the tables that used to be made on first use (history, defects,
+//          smart playlists, release fields, tags) and the history's row index.
+//
+// Each migration runs in one transaction and re-reads the version inside it,
+// so two processes opening an old catalogue at once upgrade it once.
 #include <fmt/format.h>
 
 #include "core/store/log.h"
@@ -200,10 +209,59 @@ constexpr const char* kUpgradeSteps[] = {
 };
 // NOLINTEND(bugprone-suspicious-missing-comma)
 
+// The tables other stores once made on first use; now every table exists
+// once the catalogue is open.
+constexpr const char* kVersion2Script = R"SQL(
+CREATE TABLE IF NOT EXISTS history(
+  id INTEGER PRIMARY KEY, op_id TEXT NOT NULL, op_name TEXT NOT NULL, entity TEXT NOT NULL,
+  entity_id INTEGER NOT NULL, field TEXT NOT NULL, old_value TEXT, new_value TEXT,
+  at INTEGER NOT NULL, undone INTEGER NOT NULL DEFAULT 0);
+CREATE INDEX IF NOT EXISTS idx_history_op ON history(op_id);
+CREATE INDEX IF NOT EXISTS idx_history_at ON history(at DESC);
+CREATE INDEX IF NOT EXISTS idx_history_rows ON history(entity, entity_id) WHERE field = '@row';
+CREATE TABLE IF NOT EXISTS release_fields(track_id INTEGER PRIMARY KEY, isrc TEXT, upc TEXT,
+  publisher TEXT, composer TEXT, explicit INTEGER);
+CREATE TABLE IF NOT EXISTS track_tags(track_id INTEGER NOT NULL, tag TEXT NOT NULL,
+  at INTEGER NOT NULL, PRIMARY KEY(track_id, tag));
+CREATE INDEX IF NOT EXISTS idx_track_tags_tag ON track_tags(tag);
+CREATE TABLE IF NOT EXISTS smart_playlists(
+  playlist_id INTEGER PRIMARY KEY, rules_json TEXT NOT NULL, live INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS defects(id INTEGER PRIMARY KEY, track_id INTEGER NOT NULL,
+  kind TEXT NOT NULL, position_ms REAL NOT NULL, severity REAL NOT NULL);
+CREATE INDEX IF NOT EXISTS ix_defects_track ON defects(track_id);
+CREATE TABLE IF NOT EXISTS defect_status(track_id INTEGER PRIMARY KEY, status TEXT NOT NULL,
+  at INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS defect_scans(track_id INTEGER PRIMARY KEY, scanned_at INTEGER NOT NULL,
+  found INTEGER NOT NULL);
+)SQL";
+
 }  // namespace
 
 void OrvelDB::migrate() {
-  dropPathUniqueConstraint();
+  if (userVersion() >= kSchemaVersion) {
+    retryPathIndex();
+    return;
+  }
+  if (conn_.mode() == OpenMode::readOnly)
+    throw StoreError("the catalogue needs an upgrade; open it once with write access");
+  conn_.execIgnoring("PRAGMA journal_mode=WAL");
+  // A catalogue from before the path key had a UNIQUE on `path`; the rebuild
+  // toggles pragmas that do nothing inside a transaction, so it runs first.
+  if (userVersion() < 1 && hasTable("tracks")) dropPathUniqueConstraint();
+  for (const auto& [version, step] :
+       {std::pair{1, &OrvelDB::upgradeToVersion1}, std::pair{2, &OrvelDB::upgradeToVersion2}}) {
+    if (userVersion() >= version) continue;
+    Transaction tx(conn_);
+    if (!tx) throw StoreError("cannot upgrade the catalogue: " + tx.status().message());
+    if (userVersion() >= version) continue;  // another process did it meanwhile
+    Status done = (this->*step)();
+    if (done) done = conn_.exec("PRAGMA user_version = " + std::to_string(version));
+    if (done) done = tx.commit();
+    if (!done) throw StoreError("cannot upgrade the catalogue: " + done.message());
+  }
+}
+
+Status OrvelDB::upgradeToVersion1() {
   conn_.execIgnoring(kSourcesCreate + tracksCreate());
   // Before the base indexes: an index on a column an old catalogue lacks
   // would stop the rest of the script.
@@ -211,14 +269,35 @@ void OrvelDB::migrate() {
     conn_.execIgnoring(std::string("ALTER TABLE tracks ADD COLUMN ") + kTrackColumns[i]);
   conn_.execIgnoring(kBaseScript);
   for (const char* step : kUpgradeSteps) conn_.execIgnoring(step);
-  if (userVersion() >= 1) return;
   const auto [rewritten, collided] = repairPathNorm();
   if (rewritten + collided >= 1)
     note(
         fmt::format("path_norm repair: {} rewritten, {} left as they were (another live row has "
                     "that file)",
                     rewritten, collided));
-  conn_.execIgnoring("PRAGMA user_version = 1");
+  return Status::ok();
+}
+
+Status OrvelDB::upgradeToVersion2() {
+  return conn_.exec(kVersion2Script);
+}
+
+void OrvelDB::retryPathIndex() {
+  // The unique path index could not be made while two live rows shared a
+  // key. Once they no longer do, make it; until then opening stays a read.
+  if (conn_.mode() == OpenMode::readOnly || hasIndex("idx_tracks_path_norm_unique") ||
+      !hasTable("tracks") || !pathNormCollisions().empty())
+    return;
+  Transaction tx(conn_);
+  if (!tx) return;
+  conn_.execIgnoring(kUpgradeSteps[std::size(kUpgradeSteps) - 1]);
+  (void)tx.commit();
+}
+
+bool OrvelDB::hasTable(std::string_view name) const {
+  Statement st = conn_.prepare("SELECT 1 FROM sqlite_master WHERE type='table' AND name=?");
+  st.bind(1, name);
+  return st.step();
 }
 
 int64_t OrvelDB::userVersion() const {
@@ -314,7 +393,8 @@ std::pair<int64_t, int64_t> OrvelDB::repairPathNorm() {
   if (rows.empty()) return {0, 0};
   int64_t rewritten = 0;
   int64_t collided = 0;
-  conn_.begin();
+  Transaction tx(conn_);
+  if (!tx) return {0, 0};
   {
     Statement up = conn_.prepare("UPDATE tracks SET path_norm = ? WHERE id = ?");
     for (const auto& [id, path] : rows) {
@@ -326,52 +406,18 @@ std::pair<int64_t, int64_t> OrvelDB::repairPathNorm() {
         ++collided;  // the unique index refused a key another live row holds
     }
   }
-  conn_.commit();
+  if (!tx.commit()) return {0, 0};
   return {rewritten, collided};
-}
-
-int64_t OrvelDB::backfillPathNorm() {
-  std::vector<std::pair<int64_t, std::string>> rows;
-  {
-    Statement st = conn_.prepare("SELECT id, path FROM tracks WHERE path_norm IS NULL");
-    while (st.step()) rows.emplace_back(st.int64(0), st.text(1));
-  }
-  int64_t filled = 0;
-  conn_.begin();
-  {
-    Statement up = conn_.prepare("UPDATE tracks SET path_norm = ? WHERE id = ?");
-    for (const auto& [id, path] : rows) {
-      up.reset();
-      up.bind(1, normalizePath(path)).bind(2, id);
-      if (up.stepCode() == SQLITE_DONE) ++filled;
-    }
-  }
-  conn_.commit();
-  return filled;
 }
 
 std::vector<std::pair<std::string, int64_t>> OrvelDB::pathNormCollisions() const {
   std::vector<std::pair<std::string, int64_t>> out;
   Statement st = conn_.prepare(
       "SELECT path_norm, COUNT(*) c FROM tracks\n"
-      "WHERE path_norm IS NOT NULL AND merged_into IS NULL\n"
+      "WHERE path_norm IS NOT NULL AND merged_into IS NULL AND coalesce(removed,0)=0\n"
       "GROUP BY path_norm HAVING c > 1 ORDER BY c DESC");
   while (st.step()) out.emplace_back(st.text(0), st.int64(1));
   return out;
-}
-
-void OrvelDB::ensureReleaseSchema() const {
-  conn_.execIgnoring(
-      "CREATE TABLE IF NOT EXISTS release_fields(track_id INTEGER PRIMARY KEY, isrc TEXT, upc "
-      "TEXT, publisher TEXT, composer TEXT, explicit INTEGER)");
-}
-
-void OrvelDB::ensureTagSchema() const {
-  // A tag is either on a track or not: the key makes "INSERT OR IGNORE" idempotent.
-  conn_.execIgnoring(
-      "CREATE TABLE IF NOT EXISTS track_tags(track_id INTEGER NOT NULL, tag TEXT NOT NULL, at "
-      "INTEGER NOT NULL, PRIMARY KEY(track_id, tag))");
-  conn_.execIgnoring("CREATE INDEX IF NOT EXISTS idx_track_tags_tag ON track_tags(tag)");
 }
 
 }  // namespace orvel

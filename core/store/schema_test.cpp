@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <sqlite3.h>
 
+#include <fstream>
+#include <iterator>
 #include <set>
 
 #include "core/testing/store_fixture.h"
@@ -12,7 +14,6 @@ namespace {
 
 using ::testing::HasSubstr;
 using testing::LogCapture;
-using ::testing::Not;
 using testing::StoreTest;
 
 // Writes a catalogue as an old version left it: UNIQUE on path, no path_norm,
@@ -79,12 +80,12 @@ TEST_F(SchemaTest, LegacyCatalogueKeepsEveryRowAndEndsWithTheWholeSchema) {
   EXPECT_THAT(log.text(), HasSubstr("path_norm repair: 3000 rewritten, 0 left as they were"));
   EXPECT_EQ(store.count("tracks"), 3000);
   EXPECT_EQ(store.count("cues"), 3000);
-  EXPECT_EQ(store.userVersion(), 1);
+  EXPECT_EQ(store.userVersion(), OrvelDB::kSchemaVersion);
   EXPECT_EQ(store.scalarInt("SELECT COUNT(*) FROM sqlite_master WHERE name='tracks' AND sql LIKE "
                             "'%UNIQUE%'"),
             0);
   EXPECT_EQ(store.scalarInt("SELECT COUNT(*) FROM tracks WHERE path_norm IS NULL"), 0);
-  EXPECT_EQ(store.trackId("/music/artist 7/track 7.MP3"), 7);
+  EXPECT_EQ(store.tracks().trackId("/music/artist 7/track 7.MP3"), 7);
   EXPECT_EQ(store.scalarInt("SELECT COUNT(*) FROM sqlite_master WHERE type='trigger' AND sql LIKE "
                             "'%orvel_norm(NEW.path)%'"),
             2);
@@ -96,22 +97,72 @@ TEST_F(SchemaTest, LegacyCatalogueKeepsEveryRowAndEndsWithTheWholeSchema) {
   for (const auto& item : want) EXPECT_TRUE(got.contains(item)) << "missing: " << item;
 
   // The launch query works on the upgraded rows, newest first.
-  const auto rows = store.loadAllTracks(2);
+  const auto rows = store.tracks().loadAllTracks(2);
   ASSERT_EQ(rows.size(), 2u);
   EXPECT_EQ(rows[0].id, 3000);
   EXPECT_EQ(rows[0].cueCount, 1);
   EXPECT_EQ(rows[0].rating, 60);
 }
 
-TEST_F(SchemaTest, SecondOpenChangesNothing) {
+std::string fileBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+int64_t schemaVersionOf(const std::string& path) {
+  sqlite3* raw = nullptr;
+  sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
+  sqlite3_stmt* st = nullptr;
+  sqlite3_prepare_v2(raw, "PRAGMA schema_version", -1, &st, nullptr);
+  const int64_t version = sqlite3_step(st) == SQLITE_ROW ? sqlite3_column_int64(st, 0) : -1;
+  sqlite3_finalize(st);
+  sqlite3_close(raw);
+  return version;
+}
+
+TEST_F(SchemaTest, AnUpToDateCatalogueOpensWithoutASingleWrite) {
   makeLegacy(dbPath(), 20);
-  const std::string first = dump(db());
+  const std::string upgraded = dump(db());
+  db_.reset();  // closing folds the WAL back into the file
+  const std::string bytes = fileBytes(dbPath());
+  const int64_t schemaVersion = schemaVersionOf(dbPath());
+
   LogCapture log;
-  const std::string second = dump(reopen());
-  EXPECT_EQ(first, second);
-  EXPECT_THAT(log.text(), HasSubstr("tracks: no UNIQUE on path — nothing to rebuild"));
-  EXPECT_THAT(log.text(), Not(HasSubstr("rebuilt")));
-  EXPECT_THAT(log.text(), Not(HasSubstr("path_norm repair")));
+  for (int open = 0; open < 2; ++open) {
+    OrvelDB again(dbPath());
+    EXPECT_EQ(dump(again), upgraded);
+    EXPECT_EQ(again.tracks().loadAllTracks().size(), 20u);
+  }
+  EXPECT_EQ(log.text(), "");
+  EXPECT_EQ(schemaVersionOf(dbPath()), schemaVersion);
+  EXPECT_TRUE(fileBytes(dbPath()) == bytes) << "opening changed the file";
+
+  // Read-only opens work on it too; a catalogue that needs an upgrade is refused there.
+  EXPECT_NO_THROW(OrvelDB(dbPath(), OpenMode::readOnly));
+  const std::string old = (dir_ / "old.db").string();
+  makeLegacy(old, 1);
+  const std::string oldBytes = fileBytes(old);
+  EXPECT_THROW(OrvelDB(old, OpenMode::readOnly), StoreError);
+  EXPECT_TRUE(fileBytes(old) == oldBytes);
+}
+
+TEST_F(SchemaTest, VersionOneCataloguesGainTheTablesOnceMadeOnFirstUse) {
+  db();
+  db_.reset();
+  {
+    sqlite3* raw = nullptr;
+    sqlite3_open(dbPath().c_str(), &raw);
+    sqlite3_exec(raw,
+                 "DROP TABLE defects; DROP TABLE defect_scans; DROP TABLE smart_playlists;"
+                 "DROP TABLE track_tags; PRAGMA user_version = 1;",
+                 nullptr, nullptr, nullptr);
+    sqlite3_close(raw);
+  }
+  OrvelDB& store = db();
+  EXPECT_EQ(store.userVersion(), OrvelDB::kSchemaVersion);
+  for (const char* table : {"history", "defects", "defect_scans", "defect_status",
+                            "smart_playlists", "track_tags", "release_fields"})
+    EXPECT_TRUE(store.hasTable(table)) << table;
 }
 
 TEST_F(SchemaTest, CaseTwinsKeepTheUniqueIndexAwayUntilOneIsRemoved) {
@@ -134,7 +185,7 @@ TEST_F(SchemaTest, CaseTwinsKeepTheUniqueIndexAwayUntilOneIsRemoved) {
   ASSERT_EQ(twins.size(), 1u);
   EXPECT_EQ(twins[0], (std::pair<std::string, int64_t>{"/m/song.mp3", 2}));
 
-  ASSERT_TRUE(store.softRemove(std::vector<int64_t>{2}));
+  ASSERT_TRUE(store.tracks().softRemove(std::vector<int64_t>{2}));
   EXPECT_TRUE(reopen().hasIndex("idx_tracks_path_norm_unique"));
 }
 
@@ -167,10 +218,10 @@ TEST_F(SchemaTest, CompositionTwinsAreCountedAsCollided) {
 
 TEST_F(SchemaTest, RemovedAndMergedRowsMayShareAKeyWithALiveRow) {
   const int64_t a = add("/m/x.mp3");
-  ASSERT_TRUE(db().softRemove(std::vector<int64_t>{a}));
+  ASSERT_TRUE(db().tracks().softRemove(std::vector<int64_t>{a}));
   EXPECT_EQ(db().execChecked("INSERT INTO tracks(path) VALUES('/M/X.mp3')"), std::nullopt);
   const int64_t b = db().connection().lastInsertId();
-  db().mergeTrack(b, a);
+  ASSERT_TRUE(db().tracks().mergeTrack(b, a));
   EXPECT_EQ(db().execChecked("INSERT INTO tracks(path) VALUES('/m/x.MP3')"), std::nullopt);
   EXPECT_TRUE(reopen().hasIndex("idx_tracks_path_norm_unique"));
 }

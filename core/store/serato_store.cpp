@@ -185,7 +185,7 @@ std::vector<CueRow> cueRowsOf(const SeratoFileTags& tags, int64_t sourceId) {
 
 }  // namespace
 
-std::vector<BeatAnchor> OrvelDB::gridFromSerato(std::span<const SeratoGridAnchor> anchors) {
+std::vector<BeatAnchor> SeratoStore::gridFromSerato(std::span<const SeratoGridAnchor> anchors) {
   std::vector<BeatAnchor> grid;
   std::optional<double> lastTempo;
   for (const SeratoGridAnchor& a : anchors)
@@ -209,18 +209,20 @@ std::vector<BeatAnchor> OrvelDB::gridFromSerato(std::span<const SeratoGridAnchor
   return grid;
 }
 
-int64_t OrvelDB::seratoSourceId(const std::string& detail) {
+Result<int64_t> SeratoStore::seratoSourceId(const std::string& detail) {
   if (auto id =
           conn_.scalarInt("SELECT id FROM sources WHERE name='serato' ORDER BY id DESC LIMIT 1"))
     return *id;
   Statement st =
       conn_.prepare("INSERT INTO sources(name, detail, imported_at) VALUES('serato', ?, ?)");
-  if (st.bind(1, detail).bind(2, unixNow()).stepCode() != SQLITE_DONE) return 0;
+  if (st.bind(1, detail).bind(2, unixNow()).stepCode() != SQLITE_DONE) return conn_.lastStatus();
   return conn_.lastInsertId();
 }
 
-TagsStored OrvelDB::storeFileTags(int64_t trackId, const SeratoFileTags& tags) {
-  const int64_t source = seratoSourceId();
+TagsStored SeratoStore::storeFileTags(int64_t trackId, const SeratoFileTags& tags) {
+  const auto sourceId = seratoSourceId();
+  if (!sourceId) return TagsStored::failed;
+  const int64_t source = *sourceId;
   const std::vector<CueRow> rows = cueRowsOf(tags, source);
   const std::vector<BeatAnchor> grid = gridFromSerato(tags.gridAnchors);
 
@@ -246,21 +248,25 @@ TagsStored OrvelDB::storeFileTags(int64_t trackId, const SeratoFileTags& tags) {
     return a.index == b.index && a.positionMs == b.positionMs && a.lengthMs == b.lengthMs &&
            a.color == b.color && a.name == b.name && a.kind == b.kind;
   };
-  const std::vector<BeatAnchor> storedGrid = beatGrid(trackId, source);
+  const std::vector<BeatAnchor> storedGrid = db_.cues().beatGrid(trackId, source);
   const bool gridSame = std::equal(grid.begin(), grid.end(), storedGrid.begin(), storedGrid.end(),
                                    [](const BeatAnchor& a, const BeatAnchor& b) {
                                      return a.posMs == b.posMs && a.bpm == b.bpm;
                                    });
   if (gridSame && std::equal(rows.begin(), rows.end(), stored.begin(), stored.end(), same))
     return TagsStored::unchanged;
-  return replaceSourceCues(trackId, source, rows, grid) ? TagsStored::changed : TagsStored::failed;
+  return db_.cues().replaceSourceCues(trackId, source, rows, grid) ? TagsStored::changed
+                                                                   : TagsStored::failed;
 }
 
-std::optional<SeratoRefreshCounts> OrvelDB::foldSeratoTracks(const SeratoLibrary& library) {
+Result<SeratoRefreshCounts> SeratoStore::foldSeratoTracks(const SeratoLibrary& library) {
   SeratoRefreshCounts counts;
   counts.skippedTrackChunks = library.skippedTrackChunks;
   Transaction tx(conn_);
-  const int64_t source = seratoSourceId(library.version);
+  if (!tx) return tx.status();
+  const auto sourceId = seratoSourceId(library.version);
+  if (!sourceId) return sourceId.status();
+  const int64_t source = *sourceId;
   Statement fill = conn_.cached(fillStatement());
   for (const SeratoTrack& s : library.tracks) {
     NewTrack t = newTrackFrom(s);
@@ -269,7 +275,7 @@ std::optional<SeratoRefreshCounts> OrvelDB::foldSeratoTracks(const SeratoLibrary
     const bool present = size.has_value();
     if (present) t.filesizeBytes = size;
     Statement find = conn_.cached("SELECT id FROM tracks WHERE path_norm = ? LIMIT 1");
-    find.bind(1, normalizePath(s.path));
+    find.bind(1, OrvelDB::normalizePath(s.path));
     if (find.step()) {
       const int64_t id = find.int64(0);
       find.reset();
@@ -281,34 +287,34 @@ std::optional<SeratoRefreshCounts> OrvelDB::foldSeratoTracks(const SeratoLibrary
       static_assert(std::size(kFillColumns) == 15);
       fill.bind(16, id);
       if (fill.stepCode() != SQLITE_DONE) {
-        lastError_ = conn_.errorMessage();
-        return std::nullopt;
+        return conn_.lastStatus();
       }
       if (conn_.changes() > 0) ++counts.tracksFilled;
       Statement link =
           conn_.cached("INSERT OR IGNORE INTO track_sources(track_id, source_id) VALUES(?, ?)");
-      link.bind(1, id).bind(2, source).stepCode();
+      if (link.bind(1, id).bind(2, source).stepCode() != SQLITE_DONE) return conn_.lastStatus();
       continue;
     }
     find.reset();
-    const auto id = insertImported(t, source);
-    if (!id) {
-      lastError_ = conn_.errorMessage();
-      return std::nullopt;
-    }
+    const auto id = db_.tracks().insertImported(t, source);
+    if (!id) return id.status();
     if (!present) {
       Statement missing = conn_.cached("UPDATE tracks SET file_missing = 1 WHERE id = ?");
-      missing.bind(1, *id).stepCode();
+      if (missing.bind(1, *id).stepCode() != SQLITE_DONE) return conn_.lastStatus();
     }
     ++counts.tracksAdded;
   }
-  if (!refreshSeratoCrates(library, counts) || !tx.commit()) return std::nullopt;
+  if (Status s = refreshSeratoCrates(library, counts); !s) return s;
+  if (Status kept = tx.commit(); !kept) return kept;
   return counts;
 }
 
-bool OrvelDB::refreshSeratoCrates(const SeratoLibrary& library, SeratoRefreshCounts& counts) {
+Status SeratoStore::refreshSeratoCrates(const SeratoLibrary& library, SeratoRefreshCounts& counts) {
   Transaction tx(conn_);
-  const int64_t source = seratoSourceId(library.version);
+  if (!tx) return tx.status();
+  const auto sourceId = seratoSourceId(library.version);
+  if (!sourceId) return sourceId.status();
+  const int64_t source = *sourceId;
   std::map<std::pair<std::optional<int64_t>, std::string>, int64_t> nodes;
   {
     Statement st = conn_.prepare("SELECT id, parent_id, name FROM playlists WHERE source_id = ?");
@@ -328,10 +334,7 @@ bool OrvelDB::refreshSeratoCrates(const SeratoLibrary& library, SeratoRefreshCou
   Statement current = conn_.prepare(
       "SELECT coalesce(smart_criteria,''), coalesce(smart_info,'') FROM playlists WHERE id = ?");
 
-  auto fail = [&] {
-    lastError_ = conn_.errorMessage();
-    return false;
-  };
+  auto fail = [&] { return conn_.lastStatus(); };
 
   for (const SeratoCrate& crate : library.crates) {
     std::optional<int64_t> parent;
@@ -361,7 +364,7 @@ bool OrvelDB::refreshSeratoCrates(const SeratoLibrary& library, SeratoRefreshCou
                            .value_or(0);
     for (const std::string& path : crate.trackPaths) {
       find.reset();
-      find.bind(1, normalizePath(path));
+      find.bind(1, OrvelDB::normalizePath(path));
       std::optional<int64_t> trackId;
       if (find.step()) trackId = find.int64(0);
       if (!trackId) {

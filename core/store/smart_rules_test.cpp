@@ -118,8 +118,10 @@ class SmartPlaylistsTest : public testing::StoreTest {
  protected:
   int64_t track(const std::string& name, const std::string& genre, const std::string& bpm) {
     const int64_t id = add("/m/" + name + ".mp3", name);
-    db().writeField("genre", genre, std::vector<int64_t>{id});
-    if (!bpm.empty()) db().writeField("bpm", bpm, std::vector<int64_t>{id});
+    EXPECT_TRUE(db().tracks().writeField("genre", genre, std::vector<int64_t>{id}));
+    if (!bpm.empty()) {
+      EXPECT_TRUE(db().tracks().writeField("bpm", bpm, std::vector<int64_t>{id}));
+    }
     return id;
   }
 };
@@ -130,28 +132,28 @@ TEST_F(SmartPlaylistsTest, EvaluatesInSqlWithTextBinds) {
   const int64_t pct = track("c", "100% Vinyl", "");
   const int64_t gone = track("d", "House", "128");
   const int64_t merged = track("e", "House", "128");
-  db().softRemove(std::vector<int64_t>{gone});
+  ASSERT_TRUE(db().tracks().softRemove(std::vector<int64_t>{gone}));
   db().execChecked("UPDATE tracks SET merged_into = " + std::to_string(house) +
                    " WHERE id = " + std::to_string(merged));
 
   SmartPlaylist p;
   p.matchAll = false;
   p.rules = {rule("genre", "contains", "house"), rule("bpm", "gt", "125")};
-  EXPECT_THAT(db().smartQueryIds(p), UnorderedElementsAre(house, fast));
+  EXPECT_THAT(db().smart().smartQueryIds(p), UnorderedElementsAre(house, fast));
   p.rules = {rule("genre", "contains", "0%V")};  // the user's % is a wildcard
-  EXPECT_THAT(db().smartQueryIds(p), ElementsAre(pct));
+  EXPECT_THAT(db().smart().smartQueryIds(p), ElementsAre(pct));
   p.rules = {rule("bpm", "lt", "125")};  // no BPM counts as 0
-  EXPECT_THAT(db().smartQueryIds(p), UnorderedElementsAre(house, pct));
+  EXPECT_THAT(db().smart().smartQueryIds(p), UnorderedElementsAre(house, pct));
   // "is" on a REAL column compares a number with the bound text: no match.
   p.rules = {rule("bpm", "is", "122")};
-  EXPECT_TRUE(db().smartQueryIds(p).empty());
+  EXPECT_TRUE(db().smart().smartQueryIds(p).empty());
   p.rules = {rule("title", "is", "b")};
-  EXPECT_THAT(db().smartQueryIds(p), ElementsAre(fast));
+  EXPECT_THAT(db().smart().smartQueryIds(p), ElementsAre(fast));
   p.rules = {rule("nope", "is", "x")};
-  EXPECT_EQ(db().smartQueryIds(p).size(), 3u);  // every live track
+  EXPECT_EQ(db().smart().smartQueryIds(p).size(), 3u);  // every live track
   p.limitEnabled = true;
   p.limitCount = 2;
-  EXPECT_EQ(db().smartQueryIds(p).size(), 2u);
+  EXPECT_EQ(db().smart().smartQueryIds(p).size(), 2u);
 }
 
 TEST_F(SmartPlaylistsTest, LivePlaylistsFollowTheCatalogueStaticOnesKeepTheirMembers) {
@@ -163,47 +165,47 @@ TEST_F(SmartPlaylistsTest, LivePlaylistsFollowTheCatalogueStaticOnesKeepTheirMem
   fixed.name = "House then";
   fixed.liveUpdate = false;
 
-  const auto saved = db().saveSmartPlaylist(live);
-  const auto kept = db().saveSmartPlaylist(fixed);
+  const auto saved = db().smart().saveSmartPlaylist(live);
+  const auto kept = db().smart().saveSmartPlaylist(fixed);
   ASSERT_TRUE(saved.playlistId && kept.playlistId) << saved.error << kept.error;
   EXPECT_EQ(saved.trackCount, 1);
-  EXPECT_EQ(db().playlistKind(*saved.playlistId), "smart");
-  EXPECT_EQ(db().loadSmartRules(*saved.playlistId), live);
-  EXPECT_THAT(db().smartPlaylists(), ElementsAre(::testing::Pair(*saved.playlistId, true),
-                                                 ::testing::Pair(*kept.playlistId, false)));
+  EXPECT_EQ(db().playlists().playlistKind(*saved.playlistId), "smart");
+  EXPECT_EQ(db().smart().loadSmartRules(*saved.playlistId), live);
+  EXPECT_THAT(db().smart().smartPlaylists(), ElementsAre(::testing::Pair(*saved.playlistId, true),
+                                                         ::testing::Pair(*kept.playlistId, false)));
 
   const int64_t b = track("b", "House", "124");
-  db().writeField("genre", "Disco", std::vector<int64_t>{a});
-  EXPECT_THAT(*db().refreshSmartPlaylist(*saved.playlistId), ElementsAre(b));
-  EXPECT_THAT(db().orderedTrackIds(*saved.playlistId), ElementsAre(b));
-  EXPECT_FALSE(db().refreshSmartPlaylist(*kept.playlistId));
-  EXPECT_THAT(db().orderedTrackIds(*kept.playlistId), ElementsAre(a));
+  ASSERT_TRUE(db().tracks().writeField("genre", "Disco", std::vector<int64_t>{a}));
+  EXPECT_THAT(*db().smart().refreshSmartPlaylist(*saved.playlistId), ElementsAre(b));
+  EXPECT_THAT(db().playlists().orderedTrackIds(*saved.playlistId), ElementsAre(b));
+  EXPECT_FALSE(db().smart().refreshSmartPlaylist(*kept.playlistId));
+  EXPECT_THAT(db().playlists().orderedTrackIds(*kept.playlistId), ElementsAre(a));
 
   // Editing is one operation: undo restores the old rules, name and members.
   SmartPlaylist edited = live;
   edited.name = "Disco";
   edited.rules = {rule("genre", "is", "Disco")};
-  const auto edit = db().saveSmartPlaylist(edited, saved.playlistId);
+  const auto edit = db().smart().saveSmartPlaylist(edited, saved.playlistId);
   ASSERT_TRUE(edit.playlistId) << edit.error;
-  EXPECT_THAT(db().orderedTrackIds(*saved.playlistId), ElementsAre(a));
-  db().journal().undo(edit.opId);
-  EXPECT_EQ(db().playlist(*saved.playlistId)->name, "House");
-  EXPECT_EQ(db().loadSmartRules(*saved.playlistId), live);
-  EXPECT_THAT(db().orderedTrackIds(*saved.playlistId), ElementsAre(b));
+  EXPECT_THAT(db().playlists().orderedTrackIds(*saved.playlistId), ElementsAre(a));
+  ASSERT_TRUE(db().journal().undo(edit.opId));
+  EXPECT_EQ(db().playlists().playlist(*saved.playlistId)->name, "House");
+  EXPECT_EQ(db().smart().loadSmartRules(*saved.playlistId), live);
+  EXPECT_THAT(db().playlists().orderedTrackIds(*saved.playlistId), ElementsAre(b));
 
-  // Undoing the creation leaves no trace of it.
-  db().journal().undo(kept.opId);
-  EXPECT_FALSE(db().playlist(*kept.playlistId));
-  EXPECT_EQ(db().playlistRowCount(*kept.playlistId), 0);
-  EXPECT_FALSE(db().smartPlaylists().contains(*kept.playlistId));
+  ASSERT_TRUE(  // Undoing the creation leaves no trace of it.
+      db().journal().undo(kept.opId));
+  EXPECT_FALSE(db().playlists().playlist(*kept.playlistId));
+  EXPECT_EQ(db().playlists().playlistRowCount(*kept.playlistId), 0);
+  EXPECT_FALSE(db().smart().smartPlaylists().contains(*kept.playlistId));
 
   SmartPlaylist empty;
   empty.rules.clear();
-  EXPECT_EQ(db().saveSmartPlaylist(empty).error,
+  EXPECT_EQ(db().smart().saveSmartPlaylist(empty).error,
             "Add at least one rule — an empty one matches everything");
   db().execChecked("UPDATE smart_playlists SET rules_json = '{}'");
-  EXPECT_FALSE(db().loadSmartRules(*saved.playlistId));
-  EXPECT_FALSE(db().refreshSmartPlaylist(*saved.playlistId));
+  EXPECT_FALSE(db().smart().loadSmartRules(*saved.playlistId));
+  EXPECT_FALSE(db().smart().refreshSmartPlaylist(*saved.playlistId));
 }
 
 }  // namespace

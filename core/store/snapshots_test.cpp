@@ -74,11 +74,14 @@ TEST_F(SnapshotsTest, FailureReportsNoSnapshotAndLeavesTheCatalogueAlone) {
 
   // VACUUM INTO itself failing: it cannot run inside a transaction.
   Snapshots& snaps = db().snapshots();
-  db().connection().execIgnoring("BEGIN");
-  add("/m/b.mp3");
-  EXPECT_FALSE(snaps.take("inside", 0));
-  EXPECT_FALSE(snaps.lastError().empty());
-  db().connection().execIgnoring("COMMIT");
+  {
+    Transaction tx(db().connection());
+    ASSERT_TRUE(tx);
+    add("/m/b.mp3");
+    EXPECT_FALSE(snaps.take("inside", 0));
+    EXPECT_FALSE(snaps.lastError().empty());
+    ASSERT_TRUE(tx.commit());
+  }
   EXPECT_TRUE(snaps.list().empty());
   EXPECT_TRUE(fs::is_empty(snaps.dir()));  // no partial copy left
   EXPECT_EQ(db().count("tracks"), 2);

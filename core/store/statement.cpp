@@ -1,5 +1,7 @@
 #include "core/store/statement.h"
 
+#include "core/store/connection.h"
+
 namespace orvel {
 
 Statement& Statement::operator=(Statement&& other) noexcept {
@@ -7,6 +9,7 @@ Statement& Statement::operator=(Statement&& other) noexcept {
     release();
     stmt_ = other.stmt_;
     lifetime_ = other.lifetime_;
+    conn_ = other.conn_;
     other.stmt_ = nullptr;
   }
   return *this;
@@ -72,7 +75,10 @@ bool Statement::step() {
 }
 
 int Statement::stepCode() {
-  return stmt_ != nullptr ? sqlite3_step(stmt_) : SQLITE_MISUSE;
+  if (stmt_ == nullptr) return SQLITE_MISUSE;
+  const int rc = sqlite3_step(stmt_);
+  if (rc != SQLITE_ROW && conn_ != nullptr) conn_->statementFinished();
+  return rc;
 }
 
 void Statement::reset() {

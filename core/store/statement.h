@@ -13,6 +13,8 @@
 
 namespace orvel {
 
+class Connection;
+
 class Statement {
  public:
   // How the statement ends: finalised, or only reset because its connection
@@ -20,9 +22,13 @@ class Statement {
   enum class Lifetime { owned, borrowed };
 
   Statement() = default;
-  explicit Statement(sqlite3_stmt* stmt, Lifetime lifetime = Lifetime::owned)
-      : stmt_(stmt), lifetime_(lifetime) {}
-  Statement(Statement&& other) noexcept : stmt_(other.stmt_), lifetime_(other.lifetime_) {
+  // `conn`, when given, hears of every finished step, so that a write made
+  // outside a transaction is published to its change listeners.
+  explicit Statement(sqlite3_stmt* stmt, Lifetime lifetime = Lifetime::owned,
+                     const Connection* conn = nullptr)
+      : stmt_(stmt), lifetime_(lifetime), conn_(conn) {}
+  Statement(Statement&& other) noexcept
+      : stmt_(other.stmt_), lifetime_(other.lifetime_), conn_(other.conn_) {
     other.stmt_ = nullptr;
   }
   Statement& operator=(Statement&& other) noexcept;
@@ -77,6 +83,7 @@ class Statement {
 
   sqlite3_stmt* stmt_ = nullptr;
   Lifetime lifetime_ = Lifetime::owned;
+  const Connection* conn_ = nullptr;
 };
 
 }  // namespace orvel

@@ -53,10 +53,17 @@ class StoreTest : public ::testing::Test {
     t.path = path;
     if (!title.empty()) t.title = title;
     t.dateAdded = dateAdded;
-    return db().insertImported(t, db().orvelSourceId()).value_or(-1);
+    const auto source = db().tracks().orvelSourceId();
+    if (!source) {
+      ADD_FAILURE() << "no source row: " << source.error();
+      return -1;
+    }
+    const auto id = db().tracks().insertImported(t, *source);
+    if (!id) ADD_FAILURE() << "could not add " << path << ": " << id.error();
+    return id.value_or(-1);
   }
   std::string field(int64_t id, const std::string& column) {
-    const auto v = db().fieldValues(column, std::vector<int64_t>{id});
+    const auto v = db().tracks().fieldValues(column, std::vector<int64_t>{id});
     return v.empty() ? "<no row>" : v.front();
   }
 

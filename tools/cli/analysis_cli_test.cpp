@@ -28,7 +28,8 @@ class AnalysisCliTest : public CliTest {
     ASSERT_TRUE(audio::writeWav(tagged_, audio::testing::music(piece), piece.rate));
     m_ = add(music_, "Music");
     t_ = add(tagged_, "Tagged");
-    db().setAnalysis(t_, std::string("F#"), 100.0);
+    const Status set = db().analysis().setAnalysis(t_, std::string("F#"), 100.0);
+    ASSERT_TRUE(set) << set.message();
     db().execChecked("UPDATE tracks SET file_missing = 1 WHERE path LIKE '/music/%'");
     db_.reset();
   }
@@ -73,7 +74,7 @@ TEST_F(AnalysisCliTest, UnknownOrUnreadableTargetsFail) {
   r = orvel({"analyze", std::to_string(a_)});  // its file does not exist
   EXPECT_EQ(r.code, 1);
   EXPECT_THAT(r.err, HasSubstr("could not be read"));
-  EXPECT_FALSE(db().waveform(a_));
+  EXPECT_FALSE(db().analysis().waveform(a_));
 }
 
 TEST_F(AnalysisCliTest, WaveformPictureAndScan) {
@@ -88,7 +89,7 @@ TEST_F(AnalysisCliTest, WaveformPictureAndScan) {
   // The middle row is drawn across the music; the top rows stay background.
   EXPECT_NE(image.pixel(200, 50), image.pixel(200, 2));
   // Computed once and kept.
-  EXPECT_TRUE(db().waveform(m_));
+  EXPECT_TRUE(db().analysis().waveform(m_));
   EXPECT_EQ(orvelJson({"waveform", music_})["columns"].size(), 800u);
 
   r = orvel({"scan", std::to_string(m_)});

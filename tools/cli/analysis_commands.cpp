@@ -9,12 +9,11 @@
 #include "app/audio/defect_repair.h"
 #include "app/audio/defect_scan.h"
 #include "app/audio/waveform.h"
+#include "app/parallel_jobs.h"
 #include "app/settings.h"
 #include "app/waveform_image.h"
-#include "core/store/statement.h"
 #include "core/text/key_names.h"
 #include "tools/cli/commands.h"
-#include "tools/cli/parallel.h"
 #include "tools/cli/progress.h"
 
 namespace orvel::cli {
@@ -45,27 +44,21 @@ std::vector<Target> resolveTargets(OrvelDB& db, const std::vector<std::string>& 
     } else {
       std::error_code ec;
       const fs::path p = fs::absolute(a, ec).lexically_normal();
-      id = db.liveTrackId(p.string());
+      id = db.tracks().liveTrackId(p.string());
       if (!id)
         throw CliError(kFailed, fmt::format("not in the catalogue: {} (import it first)", a));
     }
-    auto row = db.loadTrack(*id);
+    auto row = db.tracks().loadTrack(*id);
     if (!row) throw CliError(kFailed, fmt::format("no track with id {}", *id));
-    out.push_back({*id, row->path});
+    out.push_back({*id, std::string(row->path())});
   }
   return out;
 }
 
-// Live tracks whose file is present, optionally only those `missingWhat`
-// says still lack something.
-std::vector<Target> liveTargets(OrvelDB& db, const std::string& missingWhat) {
-  db.ensureDefectSchema();
+// Live tracks whose file is present that lack what `need` says.
+std::vector<Target> liveTargets(const OrvelDB& db, AnalysisStore::Need need) {
   std::vector<Target> out;
-  Statement st = db.connection().prepare(
-      "SELECT id, path FROM tracks t WHERE t.merged_into IS NULL AND COALESCE(t.removed, 0) = 0 "
-      "AND COALESCE(t.file_missing, 0) = 0" +
-      (missingWhat.empty() ? std::string() : " AND (" + missingWhat + ")") + " ORDER BY t.id");
-  while (st.step()) out.push_back({st.int64(0), st.text(1)});
+  for (auto& t : db.analysis().presentTracks(need)) out.push_back({t.id, std::move(t.path)});
   return out;
 }
 
@@ -101,13 +94,10 @@ struct AnalyzeArgs {
 
 void runAnalyze(Context& ctx, const AnalyzeArgs& a) {
   OrvelDB& db = ctx.db();
+  using Need = AnalysisStore::Need;
   const std::vector<Target> targets =
       !a.targets.empty() ? resolveTargets(db, a.targets)
-      : a.force
-          ? liveTargets(db, "")
-          : liveTargets(db,
-                        "NOT EXISTS (SELECT 1 FROM waveforms w WHERE w.track_id = t.id) OR NOT "
-                        "EXISTS (SELECT 1 FROM defect_scans d WHERE d.track_id = t.id)");
+                         : liveTargets(db, a.force ? Need::everything : Need::analysis);
   if (targets.empty()) {
     if (a.json)
       ctx.out << "[]\n";
@@ -118,7 +108,7 @@ void runAnalyze(Context& ctx, const AnalyzeArgs& a) {
   audio::PassSettings settings{analyzerSettings()};
   InterruptGuard interrupt;
   ProgressBar bar(ctx.err, ctx.errIsTerminal, "Analysing");
-  size_t done = 0, unreadable = 0, tempos = 0, keys = 0, damaged = 0;
+  size_t done = 0, unreadable = 0, unstored = 0, tempos = 0, keys = 0, damaged = 0;
   json results = json::array();
   std::function<audio::PassResult(size_t)> work = [&](size_t i) {
     return audio::analyseFile(targets[i].path, settings);
@@ -131,10 +121,15 @@ void runAnalyze(Context& ctx, const AnalyzeArgs& a) {
       ++unreadable;
       bar.clear();
       ctx.err << "orvel: cannot analyse " << t.path << ": the audio could not be read\n";
+    } else if (!s.status) {
+      ++unstored;
+      bar.clear();
+      ctx.err << "orvel: cannot store the analysis of " << t.path << ": " << s.status.message()
+              << "\n";
     }
     tempos += s.bpm;
     keys += s.key;
-    damaged += !r.defects.empty();
+    damaged += s.scanned && !r.defects.empty();
     bar.update(done, targets.size(), fs::path(t.path).filename().string());
     if (a.json) {
       json defects = json::array();
@@ -150,21 +145,26 @@ void runAnalyze(Context& ctx, const AnalyzeArgs& a) {
                          {"defects", defects}});
     }
   };
-  forEachParallel<audio::PassResult>(targets.size(), a.jobs, InterruptGuard::flag(), work, store);
+  app::forEachParallel<audio::PassResult>(targets.size(), a.jobs, InterruptGuard::flag(), work,
+                                          store);
   bar.clear();
   if (a.json) {
     ctx.out << jsonText(results) << "\n";
   } else {
     ctx.out << fmt::format("Analysed {}: {} and {} filled, {} with defects",
-                           countOf(done - unreadable, "track"), countOf(tempos, "tempo"),
+                           countOf(done - unreadable - unstored, "track"), countOf(tempos, "tempo"),
                            countOf(keys, "key"), countOf(damaged, "track"))
             << (unreadable ? fmt::format("; {} could not be read", countOf(unreadable, "file"))
                            : "")
+            << (unstored ? fmt::format("; {} not stored", countOf(unstored, "result")) : "")
             << "\n";
   }
   if (done < targets.size())
     throw CliError(kFailed, fmt::format("interrupted after {} of {}; run it again for the rest",
                                         done, targets.size()));
+  if (unstored)
+    throw CliError(kFailed,
+                   fmt::format("the results of {} could not be stored", countOf(unstored, "file")));
   if (unreadable)
     throw CliError(kFailed, fmt::format("{} could not be read", countOf(unreadable, "file")));
 }
@@ -199,10 +199,14 @@ void runWaveform(Context& ctx, const WaveformArgs& a) {
     const Target t = resolveTargets(db, {a.target}).front();
     path = t.path;
     // A stored blob is used as it is; only a missing one is computed (and kept).
-    blob = db.waveform(t.id);
+    blob = db.analysis().waveform(t.id);
     if (!blob) {
       blob = audio::WaveformLoader::compute(t.path);
-      if (blob) db.setWaveform(t.id, *blob);
+      // Keeping it only saves the next look a decode: say so, and still show it.
+      const Status kept = blob ? db.analysis().setWaveform(t.id, *blob) : Status::ok();
+      if (!kept)
+        ctx.err << "orvel: the waveform of " << t.path << " was not kept: " << kept.message()
+                << "\n";
     }
   } else {
     std::error_code ec;
@@ -235,17 +239,16 @@ struct ScanArgs {
 
 void runScan(Context& ctx, const ScanArgs& a) {
   OrvelDB& db = ctx.db();
-  const std::vector<Target> targets =
-      a.targets.empty()
-          ? liveTargets(db, "NOT EXISTS (SELECT 1 FROM defect_scans d WHERE d.track_id = t.id)")
-          : resolveTargets(db, a.targets);
+  const std::vector<Target> targets = a.targets.empty()
+                                          ? liveTargets(db, AnalysisStore::Need::defectScan)
+                                          : resolveTargets(db, a.targets);
   if (targets.empty()) {
     ctx.out << (a.json ? "[]\n" : "Every track is scanned; name tracks to re-scan them\n");
     return;
   }
   InterruptGuard interrupt;
   ProgressBar bar(ctx.err, ctx.errIsTerminal, "Scanning");
-  size_t done = 0, unreadable = 0, damaged = 0;
+  size_t done = 0, unreadable = 0, unstored = 0, damaged = 0;
   json results = json::array();
   using Found = std::optional<std::vector<DefectScan::Defect>>;
   std::function<Found(size_t)> work = [&](size_t i) -> Found {
@@ -263,7 +266,12 @@ void runScan(Context& ctx, const ScanArgs& a) {
       ctx.err << "orvel: cannot scan " << t.path << ": the audio could not be read\n";
       return;
     }
-    DefectScan::record(db, t.id, *found);
+    if (Status s = DefectScan::record(db, t.id, *found); !s) {
+      ++unstored;
+      bar.clear();
+      ctx.err << "orvel: cannot store the scan of " << t.path << ": " << s.message() << "\n";
+      return;
+    }
     damaged += !found->empty();
     if (a.json) {
       json defects = json::array();
@@ -274,15 +282,19 @@ void runScan(Context& ctx, const ScanArgs& a) {
       ctx.out << fmt::format("{:>6}  {}: {}\n", t.id, t.path, defectSummary(*found));
     }
   };
-  forEachParallel<Found>(targets.size(), a.jobs, InterruptGuard::flag(), work, store);
+  app::forEachParallel<Found>(targets.size(), a.jobs, InterruptGuard::flag(), work, store);
   bar.clear();
   if (a.json)
     ctx.out << jsonText(results) << "\n";
   else
-    ctx.out << fmt::format("Scanned {}: {} with defects\n", countOf(done - unreadable, "track"),
+    ctx.out << fmt::format("Scanned {}: {} with defects\n",
+                           countOf(done - unreadable - unstored, "track"),
                            countOf(damaged, "track"));
   if (done < targets.size())
     throw CliError(kFailed, fmt::format("interrupted after {} of {}", done, targets.size()));
+  if (unstored)
+    throw CliError(kFailed,
+                   fmt::format("the scans of {} could not be stored", countOf(unstored, "file")));
   if (unreadable)
     throw CliError(kFailed, fmt::format("{} could not be read", countOf(unreadable, "file")));
 }

@@ -28,7 +28,9 @@ class CliTest : public orvel::testing::StoreTest {
     a_ = add("/music/Floorplan/Never Grow Old.mp3", "Never Grow Old", 300);
     b_ = add("/music/Moodymann/Shades of Jae.flac", "Shades of Jae", 200);
     c_ = add("/music/DJ Koze/XTC.mp3", "XTC", 100);
-    db().setField("artist", "Floorplan", std::vector<int64_t>{a_}, "Edit Artist");
+    const auto op =
+        db().tracks().setField("artist", "Floorplan", std::vector<int64_t>{a_}, "Edit Artist");
+    ASSERT_TRUE(op) << op.error();
     db().execChecked(fmt::format(
         "INSERT INTO playlists(id, name, parent_id) VALUES(1, 'Sets', NULL), (2, 'Warm-up', 1);"
         "INSERT INTO playlist_tracks VALUES(2, {}, 0), (2, {}, 1)",

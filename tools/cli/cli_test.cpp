@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
+#include <sqlite3.h>
 
 #include "core/store/locations.h"
 #include "tools/cli/cli_fixture.h"
@@ -71,6 +72,29 @@ TEST_F(CliTest, EveryEditIsListedAndCanBeUndoneAndRedoneById) {
   EXPECT_THAT(orvel({"undo"}).out, HasSubstr("\"Remove from Library\""));
 }
 
+// Another program holding the catalogue past the busy timeout: the undo is
+// not claimed, the one line says why, and it still can be undone later.
+TEST_F(CliTest, AnUndoThatCannotBeCommittedIsAFailureWithItsReason) {
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open(dbPath().c_str(), &other), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+  const Result held = orvel({"undo"});
+  sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr);
+  sqlite3_close(other);
+
+  EXPECT_EQ(held.code, 1);
+  EXPECT_EQ(held.out, "");
+  EXPECT_THAT(held.err, HasSubstr("undoing \"Edit Artist\""));
+  EXPECT_THAT(held.err, HasSubstr("locked"));
+  EXPECT_EQ(std::count(held.err.begin(), held.err.end(), '\n'), 1) << held.err;
+  EXPECT_EQ(track(a_)["artist"], "Floorplan");
+  EXPECT_EQ(orvelJson({"history"})[0]["undone"], false);
+
+  const Result later = orvel({"undo"});
+  EXPECT_EQ(later.code, 0) << later.err;
+  EXPECT_THAT(later.out, StartsWith("Undid \"Edit Artist\""));
+}
+
 TEST_F(CliTest, BadInputIsOneLineAndChangesNothing) {
   const auto before = orvelJson({"history"}).size();
   const auto expectOneLine = [](const Result& r, int code, const std::string& text) {
@@ -133,7 +157,7 @@ TEST_F(CliTest, ListingsSearchSortLimitAndShowTrackRowFields) {
 TEST_F(CliTest, InfoAndBackup) {
   const json info = orvelJson({"info"});
   EXPECT_EQ(info["counts"]["tracks"], 3);
-  EXPECT_EQ(info["schema"]["userVersion"], 1);
+  EXPECT_EQ(info["schema"]["userVersion"], OrvelDB::kSchemaVersion);
   EXPECT_EQ(info["schema"]["uniquePathIndex"], true);
   EXPECT_EQ(info["paths"]["database"], dbPath());
 

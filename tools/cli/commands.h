@@ -38,7 +38,7 @@ std::string countOf(size_t n, const std::string& noun);
 // " (undo with: orvel undo OPID)".
 std::string undoHint(const std::string& opId);
 // Fails with the store's reason: "WHAT failed: WHY; nothing was changed".
-[[noreturn]] void failed(Context& ctx, const std::string& what);
+[[noreturn]] void failed(const std::string& what, const Status& why);
 // "2026-11-21 13:05:00" in local time.
 std::string localTime(int64_t unixSeconds);
 // "1:30.500" for 90500 ms.

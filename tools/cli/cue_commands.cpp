@@ -67,7 +67,7 @@ void requireTrack(Context& ctx, int64_t track) {
 }
 
 CueRow requireCue(Context& ctx, int64_t id) {
-  auto cue = ctx.db().cue(id);
+  auto cue = ctx.db().cues().cue(id);
   if (!cue) throw CliError(kFailed, fmt::format("no cue with id {}; nothing was changed", id));
   return *cue;
 }
@@ -90,9 +90,9 @@ void addCueCommands(CLI::App& app, Context& ctx) {
   ls->add_flag("--json", a->json, "One JSON array on stdout");
   ls->callback([&ctx, a] {
     OrvelDB& db = ctx.db();
-    if (!db.loadTrack(a->track))
+    if (!db.tracks().loadTrack(a->track))
       throw CliError(kFailed, fmt::format("no track with id {}", a->track));
-    const auto cues = db.cues(a->track);
+    const auto cues = db.cues().cues(a->track);
     if (a->json) {
       json arr = json::array();
       for (const auto& c : cues) arr.push_back(toJson(c));
@@ -124,8 +124,8 @@ void addCueCommands(CLI::App& app, Context& ctx) {
   add->callback([&ctx, a] {
     const double at = parseTime(a->position, "the time");
     requireTrack(ctx, a->track);
-    const auto edit = ctx.db().addManualCue(a->track, at);
-    if (!edit) failed(ctx, "adding a cue");
+    const auto edit = ctx.db().cues().addManualCue(a->track, at);
+    if (!edit) failed("adding a cue", edit.status());
     ctx.out << fmt::format("Cue {} at {} on track {}{}\n", edit->slot, clockTime(at), a->track,
                            undoHint(edit->opId));
   });
@@ -140,8 +140,8 @@ void addCueCommands(CLI::App& app, Context& ctx) {
                      fmt::format("a cue slot is 0 to {}, not {}", kCueSlots - 1, a->slot));
     const double at = parseTime(a->position, "the time");
     requireTrack(ctx, a->track);
-    const auto opId = ctx.db().setCue(a->track, a->slot, at);
-    if (!opId) failed(ctx, "setting the cue");
+    const auto opId = ctx.db().cues().setCue(a->track, a->slot, at);
+    if (!opId) failed("setting the cue", opId.status());
     ctx.out << fmt::format("Cue {} at {} on track {}{}\n", a->slot, clockTime(at), a->track,
                            undoHint(*opId));
   });
@@ -155,8 +155,8 @@ void addCueCommands(CLI::App& app, Context& ctx) {
     const double length = parseTime(a->length, "the length");
     if (length <= 0) throw CliError(kBadUsage, "a loop needs a length above zero");
     requireTrack(ctx, a->track);
-    const auto edit = ctx.db().addManualLoop(a->track, start, length);
-    if (!edit) failed(ctx, "adding a loop");
+    const auto edit = ctx.db().cues().addManualLoop(a->track, start, length);
+    if (!edit) failed("adding a loop", edit.status());
     ctx.out << fmt::format("Loop {} at {} for {} on track {}{}\n", edit->slot, clockTime(start),
                            clockTime(length), a->track, undoHint(edit->opId));
   });
@@ -168,16 +168,15 @@ void addCueCommands(CLI::App& app, Context& ctx) {
   move->callback([&ctx, a] {
     const double at = parseTime(a->position, "the time");
     const CueRow c = requireCue(ctx, a->cueId);
-    std::optional<std::string> opId;
+    double length = 0;
     if (!a->length.empty()) {
       if (c.kind != "loop") throw CliError(kBadUsage, "only a loop has a length");
-      const double length = parseTime(a->length, "the length");
+      length = parseTime(a->length, "the length");
       if (length <= 0) throw CliError(kBadUsage, "a loop needs a length above zero");
-      opId = ctx.db().setLoopBounds(c.id, at, length);
-    } else {
-      opId = ctx.db().moveCue(c.id, at);
     }
-    if (!opId) failed(ctx, "moving the cue");
+    const auto opId = a->length.empty() ? ctx.db().cues().moveCue(c.id, at)
+                                        : ctx.db().cues().setLoopBounds(c.id, at, length);
+    if (!opId) failed("moving the cue", opId.status());
     ctx.out << fmt::format("Moved {} {} to {}{}\n", c.kind, c.index, clockTime(at),
                            undoHint(*opId));
   });
@@ -190,8 +189,8 @@ void addCueCommands(CLI::App& app, Context& ctx) {
       if (std::find(ids.begin(), ids.end(), id) == ids.end()) ids.push_back(id);
     for (int64_t id : ids) requireCue(ctx, id);  // all known, or nothing is deleted
     for (int64_t id : ids) {
-      const auto opId = ctx.db().deleteCue(id);
-      if (!opId) failed(ctx, "deleting cue " + std::to_string(id));
+      const auto opId = ctx.db().cues().deleteCue(id);
+      if (!opId) failed("deleting cue " + std::to_string(id), opId.status());
       ctx.out << fmt::format("Deleted cue {}{}\n", id, undoHint(*opId));
     }
   });

@@ -3,10 +3,9 @@
 #include <fmt/format.h>
 
 #include <cctype>
-#include <charconv>
-#include <cstdlib>
 
 #include "core/store/journal.h"
+#include "core/store/track_values.h"
 #include "tools/cli/commands.h"
 
 namespace orvel::cli {
@@ -34,42 +33,15 @@ std::string titleCase(std::string s) {
   return s;
 }
 
-void report(Context& ctx, const std::optional<std::string>& opId, const std::string& what,
-            size_t n) {
-  if (!opId) failed(ctx, what);
+void report(Context& ctx, const Result<std::string>& opId, const std::string& what, size_t n) {
+  if (!opId) failed(what, opId.status());
   ctx.out << what << " on " << countOf(n, "track") << undoHint(*opId) << '\n';
-}
-
-// A number column only takes a number: text there would sort above every
-// number for good. Ratings are 0–100 here (stars are `orvel rate`).
-void checkValue(OrvelDB& db, const std::string& column, const std::string& field,
-                const std::string& value) {
-  if (value.empty()) return;
-  Statement st = db.prepare("SELECT type FROM pragma_table_info('tracks') WHERE name = ?");
-  st.bind(1, column);
-  const std::string type = st.step() ? st.text(0) : std::string();
-  const char* end = value.data() + value.size();
-  if (type == "INTEGER") {
-    int64_t n = 0;
-    const auto [at, ec] = std::from_chars(value.data(), end, n);
-    if (ec != std::errc() || at != end)
-      throw CliError(kBadUsage, "'" + field + "' takes a whole number, not '" + value + "'");
-    if (column == "rating" && (n < 0 || n > 100 || n % 20 != 0))
-      throw CliError(
-          kBadUsage,
-          "a rating is 0 to 100 in steps of 20, one star each (or: orvel rate STARS ID…)");
-  } else if (type == "REAL") {
-    char* stop = nullptr;
-    std::strtod(value.c_str(), &stop);
-    if (stop != end)
-      throw CliError(kBadUsage, "'" + field + "' takes a number, not '" + value + "'");
-  }
 }
 
 }  // namespace
 
 void requireLiveTracks(Context& ctx, std::span<const int64_t> ids) {
-  const auto live = ctx.db().existingIds(ids);
+  const auto live = ctx.db().tracks().existingIds(ids);
   if (live.size() == ids.size()) return;
   for (int64_t id : ids)
     if (std::find(live.begin(), live.end(), id) == live.end())
@@ -84,10 +56,9 @@ std::string undoHint(const std::string& opId) {
   return " (undo with: orvel undo " + opId + ")";
 }
 
-void failed(Context& ctx, const std::string& what) {
-  const std::string& why = ctx.db().lastError();
-  throw CliError(kFailed,
-                 what + " failed" + (why.empty() ? "" : ": " + why) + "; nothing was changed");
+void failed(const std::string& what, const Status& why) {
+  throw CliError(kFailed, what + " failed" + (why.message().empty() ? "" : ": " + why.message()) +
+                              "; nothing was changed");
 }
 
 void addEditCommands(CLI::App& app, Context& ctx) {
@@ -103,18 +74,20 @@ void addEditCommands(CLI::App& app, Context& ctx) {
   set->add_option("ID", a->ids, "Track ids")->required();
   set->callback([&ctx, a] {
     OrvelDB& db = ctx.db();
-    const std::string column = OrvelDB::columnFor(a->field);
-    if (!db.hasTrackColumn(column)) throw CliError(kBadUsage, "unknown field '" + a->field + "'");
+    const std::string column = TrackStore::columnFor(a->field);
+    if (!db.tracks().hasTrackColumn(column))
+      throw CliError(kBadUsage, "unknown field '" + a->field + "'");
     // Only fields that undo can write back may be edited from here, so every
     // edit made on the command line can be taken back.
     if (!Journal::isWritable("tracks", column))
       throw CliError(kBadUsage, "the field '" + a->field + "' cannot be edited");
-    checkValue(db, column, a->field, a->value);
+    if (Status s = checkTrackValue(db.connection(), column, a->field, a->value); !s)
+      throw CliError(kBadUsage, s.message());
     requireLiveTracks(ctx, a->ids);
     const std::optional<std::string> value =
         a->value.empty() ? std::nullopt : std::optional<std::string>(a->value);
     const std::string opName = "Edit " + titleCase(a->field);
-    report(ctx, db.setField(column, value, a->ids, opName), opName, a->ids.size());
+    report(ctx, db.tracks().setField(column, value, a->ids, opName), opName, a->ids.size());
   });
 
   CLI::App* rate = app.add_subcommand("rate", "Rate tracks from 0 to 5 stars");
@@ -122,7 +95,7 @@ void addEditCommands(CLI::App& app, Context& ctx) {
   rate->add_option("ID", a->ids, "Track ids")->required();
   rate->callback([&ctx, a] {
     requireLiveTracks(ctx, a->ids);
-    report(ctx, ctx.db().setRating(a->ids, a->stars), "Set Rating", a->ids.size());
+    report(ctx, ctx.db().tracks().setRating(a->ids, a->stars), "Set Rating", a->ids.size());
   });
 
   CLI::App* love = app.add_subcommand("love", "Mark tracks as loved (--off to take it back)");
@@ -130,7 +103,8 @@ void addEditCommands(CLI::App& app, Context& ctx) {
   love->add_option("ID", a->ids, "Track ids")->required();
   love->callback([&ctx, a] {
     requireLiveTracks(ctx, a->ids);
-    report(ctx, ctx.db().setLoved(a->ids, !a->off), a->off ? "Unlove" : "Love", a->ids.size());
+    report(ctx, ctx.db().tracks().setLoved(a->ids, !a->off), a->off ? "Unlove" : "Love",
+           a->ids.size());
   });
 
   CLI::App* dislike =
@@ -139,8 +113,8 @@ void addEditCommands(CLI::App& app, Context& ctx) {
   dislike->add_option("ID", a->ids, "Track ids")->required();
   dislike->callback([&ctx, a] {
     requireLiveTracks(ctx, a->ids);
-    report(ctx, ctx.db().setDisliked(a->ids, !a->off), a->off ? "Clear Dislike" : "Dislike",
-           a->ids.size());
+    report(ctx, ctx.db().tracks().setDisliked(a->ids, !a->off),
+           a->off ? "Clear Dislike" : "Dislike", a->ids.size());
   });
 
   CLI::App* rm = app.add_subcommand(
@@ -148,7 +122,7 @@ void addEditCommands(CLI::App& app, Context& ctx) {
   rm->add_option("ID", a->ids, "Track ids")->required();
   rm->callback([&ctx, a] {
     requireLiveTracks(ctx, a->ids);
-    report(ctx, ctx.db().softRemove(a->ids), "Remove from Library", a->ids.size());
+    report(ctx, ctx.db().tracks().softRemove(a->ids), "Remove from Library", a->ids.size());
   });
 }
 

@@ -33,12 +33,15 @@ Journal::Operation pick(Context& ctx, const std::string& opId, bool undoing) {
 void undoOrRedo(Context& ctx, const std::string& opId, bool undoing) {
   const Journal::Operation op = pick(ctx, opId, undoing);
   Journal& j = ctx.db().journal();
-  const int applied = undoing ? j.undo(op.id) : j.redo(op.id);
-  if (applied == 0 && (undoing ? op.undone : !op.undone))
+  const Result<int> applied = undoing ? j.undo(op.id) : j.redo(op.id);
+  if (!applied)
+    failed(fmt::format("{} \"{}\" ({})", undoing ? "undoing" : "redoing", op.opName, op.id),
+           applied.status());
+  if (*applied == 0 && (undoing ? op.undone : !op.undone))
     throw CliError(kFailed, fmt::format("\"{}\" ({}) is already {}", op.opName, op.id,
                                         undoing ? "undone" : "in force"));
   ctx.out << fmt::format("{} \"{}\" ({}, {})\n", undoing ? "Undid" : "Redid", op.opName,
-                         countOf(static_cast<size_t>(applied), "change"), op.id);
+                         countOf(static_cast<size_t>(*applied), "change"), op.id);
 }
 
 }  // namespace

@@ -91,8 +91,8 @@ void runImport(Context& ctx, const ImportArgs& a) {
 void printImport(Context& ctx, OrvelDB& db, const Importer::Result& r) {
   ctx.out << localTimeText(unixNow(), "%H:%M:%S") << " " << Importer::statusText(r) << "\n";
   for (const int64_t id : r.added) {
-    if (const auto t = db.loadTrack(id))
-      ctx.out << fmt::format("  + {} – {}  ({})\n", t->artist, t->title, t->path);
+    if (const auto t = db.tracks().loadTrack(id))
+      ctx.out << fmt::format("  + {} – {}  ({})\n", t->artist(), t->title(), t->path());
   }
   printFailures(ctx, r);
   ctx.out << std::flush;
@@ -174,11 +174,12 @@ void addImportCommands(CLI::App& app, Context& ctx) {
                    "The media root for this import (default: the mediaRoot setting)")
       ->type_name("DIR");
   import->add_flag("--json", a->json, "The outcome as JSON: added ids, dupes, failures");
-  import->callback([&ctx, a] { runImport(ctx, *a); });
+  import->callback([&ctx, a] { runImport(ctx, *a);
+});
 
-  auto* watch = app.add_subcommand(
-      "watch", "Watch the media root and import new audio files until interrupted");
-  watch->callback([&ctx] { runWatch(ctx); });
-}
+auto* watch = app.add_subcommand(
+    "watch", "Watch the media root and import new audio files until interrupted");
+watch->callback([&ctx] { runWatch(ctx); });
+}  // namespace orvel::cli
 
 }  // namespace orvel::cli

@@ -28,12 +28,13 @@ struct ListOptions {
 std::vector<TrackRow> listTracks(OrvelDB& db, const ListOptions& o) {
   // The plain newest-first listing can stop at the limit inside the query.
   const bool whole = !o.playlist.empty() || !o.search.empty() || !o.sort.empty();
-  std::vector<TrackRow> rows =
-      db.loadAllTracks(!whole && o.limit > 0 ? std::optional<int64_t>(o.limit) : std::nullopt);
+  std::vector<TrackRow> rows = db.tracks().loadAllTracks(
+      !whole && o.limit > 0 ? std::optional<int64_t>(o.limit) : std::nullopt);
   if (!o.playlist.empty()) {
     const int64_t id = resolvePlaylist(db, o.playlist);
     // A live smart playlist is evaluated now, as opening it in the window would.
-    const auto ids = db.refreshSmartPlaylist(id).value_or(db.orderedTrackIds(id));
+    const auto ids =
+        db.smart().refreshSmartPlaylist(id).value_or(db.playlists().orderedTrackIds(id));
     std::unordered_map<int64_t, size_t> byId;
     for (size_t i = 0; i < rows.size(); ++i) byId.emplace(rows[i].id, i);
     std::vector<TrackRow> members;
@@ -46,8 +47,8 @@ std::vector<TrackRow> listTracks(OrvelDB& db, const ListOptions& o) {
     // inside one of title, artist, album or genre.
     const std::string needle = lowerUnicode(o.search);
     std::erase_if(rows, [&](const TrackRow& r) {
-      for (const std::string* f : {&r.title, &r.artist, &r.album, &r.genre})
-        if (lowerUnicode(*f).find(needle) != std::string::npos) return false;
+      for (const std::string_view f : {r.title(), r.artist(), r.album(), r.genre()})
+        if (lowerUnicode(f).find(needle) != std::string::npos) return false;
       return true;
     });
   }
@@ -59,7 +60,7 @@ std::vector<TrackRow> listTracks(OrvelDB& db, const ListOptions& o) {
 
 json cuesOf(OrvelDB& db, int64_t id) {
   json cues = json::array();
-  for (const CueRow& c : db.cues(id)) cues.push_back(toJson(c));
+  for (const CueRow& c : db.cues().cues(id)) cues.push_back(toJson(c));
   return cues;
 }
 
@@ -77,19 +78,14 @@ json gridsOf(OrvelDB& db, int64_t id) {
 
 json defectsOf(OrvelDB& db, int64_t id) {
   json defects = json::array();
-  if (db.scalarInt("SELECT COUNT(*) FROM sqlite_master WHERE name = 'defects'") != 1)
-    return defects;
-  Statement st = db.prepare(
-      "SELECT kind, position_ms, severity FROM defects WHERE track_id = ? ORDER BY position_ms");
-  st.bind(1, id);
-  while (st.step())
-    defects.push_back({{"kind", st.text(0)}, {"positionMs", st.real(1)}, {"severity", st.real(2)}});
+  for (const DefectRow& d : db.analysis().defects(id))
+    defects.push_back({{"kind", d.kind}, {"positionMs", d.positionMs}, {"severity", d.severity}});
   return defects;
 }
 
 void show(Context& ctx, int64_t id, bool asJson) {
   OrvelDB& db = ctx.db();
-  const auto row = db.loadTrack(id);
+  const auto row = db.tracks().loadTrack(id);
   if (!row) throw CliError(kFailed, "no track with id " + std::to_string(id));
   const auto flag = [&](const char* column) {
     return db.scalarInt(fmt::format("SELECT COALESCE({}, 0) FROM tracks WHERE id = {}", column, id))
@@ -100,7 +96,7 @@ void show(Context& ctx, int64_t id, bool asJson) {
   j["disliked"] = flag("disliked");
   j["master"] = flag("master");
   j["removed"] = flag("removed");
-  j["tags"] = db.tagsOf(id);
+  j["tags"] = db.trackData().tagsOf(id);
   j["cues"] = cuesOf(db, id);
   j["beatgrids"] = gridsOf(db, id);
   j["defects"] = defectsOf(db, id);
@@ -109,34 +105,35 @@ void show(Context& ctx, int64_t id, bool asJson) {
     return;
   }
   std::ostream& out = ctx.out;
-  out << fmt::format("#{}  {} — {}{}\n", row->id, row->artist.empty() ? "(no artist)" : row->artist,
-                     row->title, j["removed"].get<bool>() ? "  [removed]" : "");
-  const auto line = [&](const char* label, const std::string& value) {
+  out << fmt::format("#{}  {} — {}{}\n", row->id,
+                     row->artist().empty() ? "(no artist)" : row->artist(), row->title(),
+                     j["removed"].get<bool>() ? "  [removed]" : "");
+  const auto line = [&](const char* label, std::string_view value) {
     if (!value.empty()) out << fmt::format("  {:<10} {}\n", label, value);
   };
-  line("album", row->album);
-  line("genre", row->genre);
-  line("year", row->year);
-  line("label", row->label);
+  line("album", row->album());
+  line("genre", row->genre());
+  line("year", row->year());
+  line("label", row->label());
   line("bpm", row->bpmText());
-  line("key", row->key);
+  line("key", row->key());
   line("time", row->durationText());
   line("rating", row->ratingText());
   line("plays", row->playCount ? std::to_string(*row->playCount) : "");
   line("added", row->dateAddedText());
   line("size", row->sizeText());
   line("bitrate", row->bitrateText());
-  line("comment", row->comment);
-  line("grouping", row->grouping);
+  line("comment", row->comment());
+  line("grouping", row->grouping());
   std::string marks;
   for (const char* m : {"loved", "disliked", "master"})
     if (j[m].get<bool>()) marks += std::string(marks.empty() ? "" : ", ") + m;
   if (row->missing) marks += std::string(marks.empty() ? "" : ", ") + "file missing";
   line("marks", marks);
   std::string tags;
-  for (const auto& t : db.tagsOf(id)) tags += (tags.empty() ? "" : ", ") + t;
+  for (const auto& t : db.trackData().tagsOf(id)) tags += (tags.empty() ? "" : ", ") + t;
   line("tags", tags);
-  line("path", row->path);
+  line("path", row->path());
   for (const auto& c : j["cues"]) {
     const double ms = c["positionMs"].get<double>();
     out << fmt::format(
@@ -161,8 +158,8 @@ void printTrackTable(std::ostream& out, const std::vector<TrackRow>& rows) {
                {"RATING", 6},
                {"GENRE", 18}});
   for (const auto& r : rows)
-    table.add({std::to_string(r.id), r.artist, r.title, r.bpmText(), r.key, r.durationText(),
-               r.ratingText(), r.genre});
+    table.add({std::to_string(r.id), std::string(r.artist()), std::string(r.title()), r.bpmText(),
+               std::string(r.key()), r.durationText(), r.ratingText(), std::string(r.genre())});
   table.print(out);
 }
 

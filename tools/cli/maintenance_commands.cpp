@@ -151,13 +151,15 @@ void addMaintenanceCommands(CLI::App& app, Context& ctx) {
   relink->add_flag("--json", *asJson, "One JSON object on stdout");
   relink->callback([&ctx, apply, asJson] {
     OrvelDB& db = ctx.db();
-    const RelinkStats s = db.relink(*apply);
+    const RelinkStats s = db.tracks().relink(*apply);
     // Merges cannot be undone from the history; the store will not apply
     // them without a snapshot to go back to.
-    if (s.refused)
-      throw CliError(
-          kFailed, "could not take a snapshot first (" + db.lastError() + "); nothing was changed");
+    if (!s.status && !s.snapshot)
+      throw CliError(kFailed, "could not take a snapshot first (" + s.status.message() +
+                                  "); nothing was changed");
     if (s.snapshot) ctx.err << "snapshot to go back to: " << *s.snapshot << '\n';
+    // The counts would claim what was not written.
+    if (!s.status) throw CliError(kFailed, "relinking failed: " + s.status.message());
     if (*asJson) {
       ctx.out << jsonText(json{{"applied", *apply},
                                {"dead", s.dead},

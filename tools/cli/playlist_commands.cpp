@@ -29,7 +29,7 @@ struct PlaylistArgs {
 };
 
 std::string quoted(OrvelDB& db, int64_t id) {
-  return "\"" + db.playlistPath(id) + "\"";
+  return "\"" + db.playlists().playlistPath(id) + "\"";
 }
 
 bool isColor(const std::string& s) {
@@ -66,7 +66,7 @@ void printTree(std::ostream& out, const std::vector<CrateNode>& level, const std
 // The members in their new order: the listed tracks first, as listed, then
 // the others as they were. Every listed track must be a member.
 std::vector<int64_t> newOrder(OrvelDB& db, int64_t playlistId, const std::vector<int64_t>& first) {
-  const auto current = db.orderedTrackIds(playlistId);
+  const auto current = db.playlists().orderedTrackIds(playlistId);
   const std::set<int64_t> members(current.begin(), current.end());
   std::set<int64_t> listed;
   for (int64_t id : first) {
@@ -84,18 +84,18 @@ std::vector<int64_t> newOrder(OrvelDB& db, int64_t playlistId, const std::vector
 
 void show(Context& ctx, int64_t id, bool asJson) {
   OrvelDB& db = ctx.db();
-  const auto node = db.playlist(id);
-  const std::string kind = db.playlistKind(id);
-  const auto smart = kind == "smart" ? db.loadSmartRules(id) : std::nullopt;
-  const auto live = db.smartPlaylists();
+  const auto node = db.playlists().playlist(id);
+  const std::string kind = db.playlists().playlistKind(id);
+  const auto smart = kind == "smart" ? db.smart().loadSmartRules(id) : std::nullopt;
+  const auto live = db.smart().smartPlaylists();
   const bool isLive = live.contains(id) && live.at(id);
-  const auto ids = db.refreshSmartPlaylist(id).value_or(db.orderedTrackIds(id));
+  const auto ids = db.smart().refreshSmartPlaylist(id).value_or(db.playlists().orderedTrackIds(id));
   const auto rows = tracksInOrder(db, ids);
   if (asJson) {
-    const auto colors = db.playlistColors();
+    const auto colors = db.playlists().playlistColors();
     json j = {{"id", id},
               {"name", node->name},
-              {"path", db.playlistPath(id)},
+              {"path", db.playlists().playlistPath(id)},
               {"parentId", node->parentId ? json(*node->parentId) : json(nullptr)},
               {"kind", kind},
               {"source", node->sourceName},
@@ -107,7 +107,7 @@ void show(Context& ctx, int64_t id, bool asJson) {
     ctx.out << jsonText(j, 2) << '\n';
     return;
   }
-  ctx.out << fmt::format("#{}  {}  ({}{}, {})\n", id, db.playlistPath(id), kind,
+  ctx.out << fmt::format("#{}  {}  ({}{}, {})\n", id, db.playlists().playlistPath(id), kind,
                          node->sourceName.empty() ? "" : ", " + node->sourceName,
                          countOf(ids.size(), "track"));
   if (kind == "smart")
@@ -125,9 +125,9 @@ int64_t resolvePlaylist(OrvelDB& db, const std::string& idOrPath) {
   int64_t id = 0;
   const char* end = idOrPath.data() + idOrPath.size();
   if (const auto [at, ec] = std::from_chars(idOrPath.data(), end, id);
-      ec == std::errc() && at == end && db.playlist(id))
+      ec == std::errc() && at == end && db.playlists().playlist(id))
     return id;
-  if (auto found = db.playlistByPath(idOrPath)) return *found;
+  if (auto found = db.playlists().playlistByPath(idOrPath)) return *found;
   // "Sets/2026/Warm-up": the names need not be spelled with " / ".
   std::optional<int64_t> parent;
   for (std::string_view piece : split(idOrPath, '/')) {
@@ -147,8 +147,8 @@ int64_t resolvePlaylist(OrvelDB& db, const std::string& idOrPath) {
 std::vector<TrackRow> tracksInOrder(OrvelDB& db, std::span<const int64_t> ids) {
   std::vector<TrackRow> rows;
   rows.reserve(ids.size());
-  for (int64_t id : db.existingIds(ids))
-    if (auto row = db.loadTrack(id)) rows.push_back(std::move(*row));
+  for (int64_t id : db.tracks().existingIds(ids))
+    if (auto row = db.tracks().loadTrack(id)) rows.push_back(std::move(*row));
   return rows;
 }
 
@@ -166,8 +166,8 @@ void addPlaylistCommands(CLI::App& app, Context& ctx) {
     OrvelDB& db = ctx.db();
     std::optional<int64_t> parent;
     if (!a->parent.empty()) parent = resolvePlaylist(db, a->parent);
-    const auto id = db.create(a->name, parent, a->crate ? "crate" : "playlist");
-    if (!id) failed(ctx, "creating " + a->name);
+    const auto id = db.playlists().create(a->name, parent, a->crate ? "crate" : "playlist");
+    if (!id) failed("creating " + a->name, id.status());
     ctx.out << fmt::format("Created {} {} #{}\n", a->crate ? "crate" : "playlist", quoted(db, *id),
                            *id);
   });
@@ -179,8 +179,8 @@ void addPlaylistCommands(CLI::App& app, Context& ctx) {
     OrvelDB& db = ctx.db();
     const int64_t id = resolvePlaylist(db, a->playlist);
     const std::string before = quoted(db, id);
-    const auto opId = db.renamePlaylist(id, a->name);
-    if (!opId) failed(ctx, "renaming " + before);
+    const auto opId = db.playlists().renamePlaylist(id, a->name);
+    if (!opId) failed("renaming " + before, opId.status());
     ctx.out << fmt::format("Renamed {} to {}{}\n", before, quoted(db, id), undoHint(*opId));
   });
 
@@ -195,9 +195,9 @@ void addPlaylistCommands(CLI::App& app, Context& ctx) {
       throw CliError(kBadUsage, "a colour is written #RRGGBB, such as #D9A441");
     OrvelDB& db = ctx.db();
     const int64_t id = resolvePlaylist(db, a->playlist);
-    const auto opId =
-        db.setPlaylistColor(id, a->clear ? std::nullopt : std::optional<std::string>(a->color));
-    if (!opId) failed(ctx, "colouring " + quoted(db, id));
+    const auto opId = db.playlists().setPlaylistColor(
+        id, a->clear ? std::nullopt : std::optional<std::string>(a->color));
+    if (!opId) failed("colouring " + quoted(db, id), opId.status());
     ctx.out << fmt::format("{} {}{}\n", a->clear ? "Cleared the colour of" : "Coloured",
                            quoted(db, id), undoHint(*opId));
   });
@@ -214,8 +214,8 @@ void addPlaylistCommands(CLI::App& app, Context& ctx) {
     const int64_t id = resolvePlaylist(db, a->playlist);
     std::optional<int64_t> parent;
     if (!a->top) parent = resolvePlaylist(db, a->parent);
-    const auto opId = db.setPlaylistParent(id, parent);
-    if (!opId) failed(ctx, "moving " + quoted(db, id));
+    const auto opId = db.playlists().setPlaylistParent(id, parent);
+    if (!opId) failed("moving " + quoted(db, id), opId.status());
     ctx.out << fmt::format("Moved to {}{}\n", quoted(db, id), undoHint(*opId));
   });
 
@@ -227,11 +227,11 @@ void addPlaylistCommands(CLI::App& app, Context& ctx) {
     std::vector<int64_t> ids;  // all resolved first: a bad name deletes nothing
     for (const auto& p : a->playlists) ids.push_back(resolvePlaylist(db, p));
     for (int64_t id : ids) {
-      if (!db.playlist(id)) continue;  // went with an earlier one
+      if (!db.playlists().playlist(id)) continue;  // went with an earlier one
       const std::string name = quoted(db, id);
-      const size_t below = db.subtreeIds(id).size() - 1;
-      const auto opId = db.deletePlaylist(id);
-      if (!opId) failed(ctx, "deleting " + name);
+      const size_t below = db.playlists().subtreeIds(id).size() - 1;
+      const auto opId = db.playlists().deletePlaylist(id);
+      if (!opId) failed("deleting " + name, opId.status());
       ctx.out << fmt::format("Deleted {}{}{}\n", name,
                              below ? " and " + countOf(below, "playlist") + " inside it" : "",
                              undoHint(*opId));
@@ -245,17 +245,17 @@ void addPlaylistCommands(CLI::App& app, Context& ctx) {
     OrvelDB& db = ctx.db();
     const int64_t id = resolvePlaylist(db, a->playlist);
     requireLiveTracks(ctx, a->ids);
-    const auto current = db.orderedTrackIds(id);
+    const auto current = db.playlists().orderedTrackIds(id);
     if (std::all_of(a->ids.begin(), a->ids.end(), [&](int64_t t) {
           return std::find(current.begin(), current.end(), t) != current.end();
         })) {
       ctx.out << fmt::format("Every track given is already in {}\n", quoted(db, id));
       return;
     }
-    const auto before = db.playlistRowCount(id);
-    const auto opId = db.addToPlaylist(a->ids, id);
-    if (!opId) failed(ctx, "adding to " + quoted(db, id));
-    const auto added = static_cast<size_t>(db.playlistRowCount(id) - before);
+    const auto before = db.playlists().playlistRowCount(id);
+    const auto opId = db.playlists().addToPlaylist(a->ids, id);
+    if (!opId) failed("adding to " + quoted(db, id), opId.status());
+    const auto added = static_cast<size_t>(db.playlists().playlistRowCount(id) - before);
     ctx.out << fmt::format(
         "Added {} to {}{}{}\n", countOf(added, "track"), quoted(db, id),
         added < a->ids.size() ? fmt::format(" ({} already there)", a->ids.size() - added) : "",
@@ -268,17 +268,17 @@ void addPlaylistCommands(CLI::App& app, Context& ctx) {
   remove->callback([&ctx, a] {
     OrvelDB& db = ctx.db();
     const int64_t id = resolvePlaylist(db, a->playlist);
-    const auto current = db.orderedTrackIds(id);
+    const auto current = db.playlists().orderedTrackIds(id);
     if (std::none_of(a->ids.begin(), a->ids.end(), [&](int64_t t) {
           return std::find(current.begin(), current.end(), t) != current.end();
         })) {
       ctx.out << fmt::format("None of the tracks given is in {}\n", quoted(db, id));
       return;
     }
-    const auto before = db.playlistRowCount(id);
-    const auto opId = db.removeFromPlaylist(a->ids, id);
-    if (!opId) failed(ctx, "removing from " + quoted(db, id));
-    const auto removed = static_cast<size_t>(before - db.playlistRowCount(id));
+    const auto before = db.playlists().playlistRowCount(id);
+    const auto opId = db.playlists().removeFromPlaylist(a->ids, id);
+    if (!opId) failed("removing from " + quoted(db, id), opId.status());
+    const auto removed = static_cast<size_t>(before - db.playlists().playlistRowCount(id));
     ctx.out << fmt::format("Removed {} from {}{}\n", countOf(removed, "track"), quoted(db, id),
                            undoHint(*opId));
   });
@@ -291,8 +291,8 @@ void addPlaylistCommands(CLI::App& app, Context& ctx) {
     OrvelDB& db = ctx.db();
     const int64_t id = resolvePlaylist(db, a->playlist);
     const auto order = newOrder(db, id, a->ids);
-    const auto opId = db.reorderPlaylist(id, order);
-    if (!opId) failed(ctx, "reordering " + quoted(db, id));
+    const auto opId = db.playlists().reorderPlaylist(id, order);
+    if (!opId) failed("reordering " + quoted(db, id), opId.status());
     ctx.out << fmt::format("Reordered {}{}\n", quoted(db, id), undoHint(*opId));
   });
 
@@ -304,7 +304,7 @@ void addPlaylistCommands(CLI::App& app, Context& ctx) {
   CLI::App* tree = pl->add_subcommand("tree", "Every playlist and crate, nested");
   tree->add_flag("--json", a->json, "One JSON array of nodes with their children");
   tree->callback([&ctx, a] {
-    const auto roots = ctx.db().crateTree();
+    const auto roots = ctx.db().playlists().crateTree();
     if (a->json) {
       json arr = json::array();
       for (const auto& n : roots) arr.push_back(nodeJson(n));

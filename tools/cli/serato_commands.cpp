@@ -73,7 +73,7 @@ json countsJson(const SeratoImportResult& r) {
           {"cratesAdded", c.cratesAdded}, {"addedLinks", c.addedLinks},
           {"ghosts", c.ghosts},           {"smartUpdated", c.smartUpdated},
           {"tagsStored", c.tagsStored},   {"skippedTrackChunks", c.skippedTrackChunks},
-          {"filesRead", r.filesRead}};
+          {"filesRead", r.filesRead},     {"filesFailed", r.filesFailed}};
 }
 
 struct SeratoArgs {
@@ -110,6 +110,10 @@ void runImport(Context& ctx, const SeratoArgs& a) {
       ctx.out << fmt::format("{} in Serato's database could not be read\n",
                              countOf(static_cast<size_t>(r.counts.skippedTrackChunks), "record"));
   }
+  if (r.filesFailed > 0)
+    throw CliError(kFailed,
+                   fmt::format("the cues and grids of {} could not be stored: {}",
+                               countOf(static_cast<size_t>(r.filesFailed), "file"), r.failure));
   if (r.cancelled)
     throw CliError(kFailed, fmt::format("interrupted after {}; run it again for the rest",
                                         countOf(static_cast<size_t>(r.filesRead), "file")));

@@ -68,8 +68,8 @@ std::string describe(const SmartRule& r) {
 // The playlist, which must be a smart one.
 int64_t smartPlaylist(OrvelDB& db, const std::string& idOrPath) {
   const int64_t id = resolvePlaylist(db, idOrPath);
-  if (db.playlistKind(id) != "smart")
-    throw CliError(kFailed, "\"" + db.playlistPath(id) + "\" is not a smart playlist");
+  if (db.playlists().playlistKind(id) != "smart")
+    throw CliError(kFailed, "\"" + db.playlists().playlistPath(id) + "\" is not a smart playlist");
   return id;
 }
 
@@ -79,11 +79,11 @@ void save(Context& ctx, const SmartArgs& a) {
   std::optional<int64_t> existing;
   if (!a.playlist.empty()) {
     existing = smartPlaylist(db, a.playlist);
-    if (auto loaded = db.loadSmartRules(*existing))
+    if (auto loaded = db.smart().loadSmartRules(*existing))
       p = *loaded;
     else if (a.rules.empty())  // the default rule would match the whole library
       throw CliError(kBadUsage, "its rules are missing or damaged; give them again with --rule");
-    p.name = db.playlist(*existing)->name;
+    p.name = db.playlists().playlist(*existing)->name;
   } else if (a.rules.empty()) {
     throw CliError(kBadUsage, "give at least one --rule FIELD:OP:VALUE");
   }
@@ -111,7 +111,7 @@ void save(Context& ctx, const SmartArgs& a) {
   if (a.isStatic) p.liveUpdate = false;
   if (a.live) p.liveUpdate = true;
 
-  const SmartSaveResult r = db.saveSmartPlaylist(p, existing);
+  const SmartSaveResult r = db.smart().saveSmartPlaylist(p, existing);
   if (!r.playlistId) throw CliError(kFailed, r.error + "; nothing was changed");
   if (a.json) {
     ctx.out << jsonText(json{{"id", *r.playlistId},
@@ -130,9 +130,9 @@ void save(Context& ctx, const SmartArgs& a) {
 void show(Context& ctx, const SmartArgs& a) {
   OrvelDB& db = ctx.db();
   const int64_t id = smartPlaylist(db, a.playlist);
-  const auto p = db.loadSmartRules(id);
+  const auto p = db.smart().loadSmartRules(id);
   if (!p)
-    throw CliError(kFailed, "the rules of \"" + db.playlistPath(id) +
+    throw CliError(kFailed, "the rules of \"" + db.playlists().playlistPath(id) +
                                 "\" are missing or damaged; it keeps its saved members");
   const auto [sql, binds] = p->query();
   if (a.json) {
@@ -151,9 +151,9 @@ void show(Context& ctx, const SmartArgs& a) {
       ctx.out << fmt::format("-- ?{} = {}\n", i + 1, binds[i]);
     return;
   }
-  ctx.out << fmt::format("#{}  {}  ({}, {})\n", id, db.playlistPath(id),
-                         p->liveUpdate ? "live" : "static",
-                         countOf(static_cast<size_t>(db.playlistRowCount(id)), "track"));
+  ctx.out << fmt::format(
+      "#{}  {}  ({}, {})\n", id, db.playlists().playlistPath(id), p->liveUpdate ? "live" : "static",
+      countOf(static_cast<size_t>(db.playlists().playlistRowCount(id)), "track"));
   ctx.out << fmt::format("  match {} of:\n", p->matchAll ? "all" : "any");
   for (const auto& r : p->rules) ctx.out << "    " << describe(r) << '\n';
   if (p->limitEnabled) {
@@ -167,11 +167,11 @@ void show(Context& ctx, const SmartArgs& a) {
 void runPlaylist(Context& ctx, const SmartArgs& a) {
   OrvelDB& db = ctx.db();
   const int64_t id = smartPlaylist(db, a.playlist);
-  const auto fresh = db.refreshSmartPlaylist(id);
+  const auto fresh = db.smart().refreshSmartPlaylist(id);
   if (!fresh)
     ctx.err << fmt::format("“{}” is not live: these are the members saved with it\n",
-                           db.playlistPath(id));
-  const auto rows = tracksInOrder(db, fresh ? *fresh : db.orderedTrackIds(id));
+                           db.playlists().playlistPath(id));
+  const auto rows = tracksInOrder(db, fresh ? *fresh : db.playlists().orderedTrackIds(id));
   if (a.json)
     printTrackJson(ctx.out, rows);
   else

@@ -54,7 +54,7 @@ std::string realText(double v) {
 
 }  // namespace
 
-std::vector<CueRow> OrvelDB::cues(int64_t trackId) const {
+std::vector<CueRow> CueStore::cues(int64_t trackId) const {
   Statement st = conn_.prepare(std::string(kCueColumns) +
                                "WHERE track_id = ? ORDER BY kind, idx, position_ms, id");
   st.bind(1, trackId);
@@ -63,15 +63,15 @@ std::vector<CueRow> OrvelDB::cues(int64_t trackId) const {
   return out;
 }
 
-std::optional<CueRow> OrvelDB::cue(int64_t cueId) const {
+std::optional<CueRow> CueStore::cue(int64_t cueId) const {
   Statement st = conn_.prepare(std::string(kCueColumns) + "WHERE id = ?");
   st.bind(1, cueId);
   if (!st.step()) return std::nullopt;
   return readCue(st);
 }
 
-std::optional<int64_t> OrvelDB::insertManual(int64_t trackId, std::string_view kind, int slot,
-                                             double positionMs, std::optional<double> lengthMs) {
+Result<int64_t> CueStore::insertManual(int64_t trackId, std::string_view kind, int slot,
+                                       double positionMs, std::optional<double> lengthMs) {
   const bool loop = kind == "loop";
   Statement ins =
       loop ? conn_.prepare(
@@ -87,20 +87,19 @@ std::optional<int64_t> OrvelDB::insertManual(int64_t trackId, std::string_view k
   else
     ins.bind(4, name);
   if (ins.stepCode() != SQLITE_DONE) {
-    lastError_ = conn_.errorMessage();
-    return std::nullopt;
+    return conn_.lastStatus();
   }
   return freshRowId("cues", conn_.lastInsertId());
 }
 
-std::optional<CueEdit> OrvelDB::addInFreeSlot(int64_t trackId, std::string_view kind,
-                                              double positionMs, std::optional<double> lengthMs) {
+Result<CueEdit> CueStore::addInFreeSlot(int64_t trackId, std::string_view kind, double positionMs,
+                                        std::optional<double> lengthMs) {
   const bool loop = kind == "loop";
   if (!conn_.scalarInt("SELECT 1 FROM tracks WHERE id = " + std::to_string(trackId))) {
-    lastError_ = "no track with id " + std::to_string(trackId);
-    return std::nullopt;
+    return Status::notFound("no track with id " + std::to_string(trackId));
   }
   Transaction tx(conn_);
+  if (!tx) return tx.status();
   std::set<int64_t> used;
   {
     Statement st =
@@ -112,111 +111,116 @@ std::optional<CueEdit> OrvelDB::addInFreeSlot(int64_t trackId, std::string_view 
   int slot = 0;
   while (slot < kCueSlots && used.contains(slot)) ++slot;
   if (slot == kCueSlots) {
-    lastError_ = fmt::format("all {} {} slots of the track are taken", kCueSlots, kind);
-    return std::nullopt;
+    return Status::failed(fmt::format("all {} {} slots of the track are taken", kCueSlots, kind));
   }
   const auto cueId = insertManual(trackId, kind, slot, positionMs, lengthMs);
-  if (!cueId) return std::nullopt;
+  if (!cueId) return conn_.lastStatus();
   const std::string opName = loop ? "Set Loop" : "Set Cue";
   const std::string opId = journal_.begin(opName);
-  journal_.recordCreated(opId, opName, "cues", *cueId);
-  if (!tx.commit()) return std::nullopt;
+  if (Status j = journal_.recordCreated(opId, opName, "cues", *cueId); !j) return j;
+  if (Status kept = tx.commit(); !kept) return kept;
   return CueEdit{slot, *cueId, opId};
 }
 
-std::optional<CueEdit> OrvelDB::addManualCue(int64_t trackId, double positionMs) {
+Result<CueEdit> CueStore::addManualCue(int64_t trackId, double positionMs) {
   return addInFreeSlot(trackId, "cue", positionMs, std::nullopt);
 }
 
-std::optional<CueEdit> OrvelDB::addManualLoop(int64_t trackId, double startMs, double lengthMs) {
+Result<CueEdit> CueStore::addManualLoop(int64_t trackId, double startMs, double lengthMs) {
   return addInFreeSlot(trackId, "loop", startMs, lengthMs);
 }
 
-std::optional<std::string> OrvelDB::setCue(int64_t trackId, int slot, double positionMs) {
+Result<std::string> CueStore::setCue(int64_t trackId, int slot, double positionMs) {
   if (slot < 0 || slot >= kCueSlots) {
-    lastError_ = fmt::format("cue slots are 0 to {}", kCueSlots - 1);
-    return std::nullopt;
+    return Status::failed(fmt::format("cue slots are 0 to {}", kCueSlots - 1));
   }
   if (!conn_.scalarInt("SELECT 1 FROM tracks WHERE id = " + std::to_string(trackId))) {
-    lastError_ = "no track with id " + std::to_string(trackId);
-    return std::nullopt;
+    return Status::notFound("no track with id " + std::to_string(trackId));
   }
   const std::string opName = "Set Cue";
   Transaction tx(conn_);
+  if (!tx) return tx.status();
   const std::string opId = journal_.begin(opName);
   {
     Statement st = conn_.prepare("SELECT id FROM cues WHERE track_id=? AND idx=? AND kind='cue'");
     st.bind(1, trackId).bind(2, slot);
-    while (st.step()) journal_.snapshotRow(opId, opName, "cues", st.int64(0));
+    while (st.step())
+      if (Status j = journal_.snapshotRow(opId, opName, "cues", st.int64(0)); !j) return j;
   }
-  conn_.execIgnoring(
-      fmt::format("DELETE FROM cues WHERE track_id={} AND idx={} AND kind='cue'", trackId, slot));
+  if (Status s = conn_.exec(fmt::format(
+          "DELETE FROM cues WHERE track_id={} AND idx={} AND kind='cue'", trackId, slot));
+      !s)
+    return s;
   const auto cueId = insertManual(trackId, "cue", slot, positionMs, std::nullopt);
-  if (!cueId) return std::nullopt;
-  journal_.recordCreated(opId, opName, "cues", *cueId);
-  journal_.seal(opId);
-  if (!tx.commit()) return std::nullopt;
+  if (!cueId) return cueId.status();
+  if (Status j = journal_.recordCreated(opId, opName, "cues", *cueId); !j) return j;
+  if (Status j = journal_.seal(opId); !j) return j;
+  if (Status kept = tx.commit(); !kept) return kept;
   return opId;
 }
 
-std::optional<std::string> OrvelDB::moveCue(int64_t cueId, double positionMs) {
+Result<std::string> CueStore::moveCue(int64_t cueId, double positionMs) {
   if (!cue(cueId)) {
-    lastError_ = "no cue with id " + std::to_string(cueId);
-    return std::nullopt;
+    return Status::notFound("no cue with id " + std::to_string(cueId));
   }
   const std::string opName = "Move Cue";
   Transaction tx(conn_);
+  if (!tx) return tx.status();
   const std::string opId = journal_.begin(opName);
-  journal_.recordCurrent(opId, opName, "cues", std::vector<int64_t>{cueId}, "position_ms",
-                         realText(positionMs));
+  if (Status j = journal_.recordCurrent(opId, opName, "cues", std::vector<int64_t>{cueId},
+                                        "position_ms", realText(positionMs));
+      !j)
+    return j;
   Statement up = conn_.prepare("UPDATE cues SET position_ms=? WHERE id=?");
   if (up.bind(1, positionMs).bind(2, cueId).stepCode() != SQLITE_DONE || !tx.commit()) {
-    lastError_ = conn_.errorMessage();
-    return std::nullopt;
+    return conn_.lastStatus();
   }
   return opId;
 }
 
-std::optional<std::string> OrvelDB::setLoopBounds(int64_t cueId, double startMs, double lengthMs) {
+Result<std::string> CueStore::setLoopBounds(int64_t cueId, double startMs, double lengthMs) {
   if (!cue(cueId)) {
-    lastError_ = "no cue with id " + std::to_string(cueId);
-    return std::nullopt;
+    return Status::notFound("no cue with id " + std::to_string(cueId));
   }
   const std::string opName = "Move Loop";
   const std::vector<int64_t> ids{cueId};
   Transaction tx(conn_);
+  if (!tx) return tx.status();
   const std::string opId = journal_.begin(opName);
-  journal_.recordCurrent(opId, opName, "cues", ids, "position_ms", realText(startMs));
-  journal_.recordCurrent(opId, opName, "cues", ids, "length_ms", realText(lengthMs));
+  if (Status j =
+          journal_.recordCurrent(opId, opName, "cues", ids, "position_ms", realText(startMs));
+      !j)
+    return j;
+  if (Status j = journal_.recordCurrent(opId, opName, "cues", ids, "length_ms", realText(lengthMs));
+      !j)
+    return j;
   Statement up = conn_.prepare("UPDATE cues SET position_ms=?, length_ms=? WHERE id=?");
   if (up.bind(1, startMs).bind(2, lengthMs).bind(3, cueId).stepCode() != SQLITE_DONE ||
       !tx.commit()) {
-    lastError_ = conn_.errorMessage();
-    return std::nullopt;
+    return conn_.lastStatus();
   }
   return opId;
 }
 
-std::optional<std::string> OrvelDB::deleteCue(int64_t cueId) {
+Result<std::string> CueStore::deleteCue(int64_t cueId) {
   if (!cue(cueId)) {
-    lastError_ = "no cue with id " + std::to_string(cueId);
-    return std::nullopt;
+    return Status::notFound("no cue with id " + std::to_string(cueId));
   }
   const std::string opName = "Delete Cue";
   Transaction tx(conn_);
+  if (!tx) return tx.status();
   const std::string opId = journal_.begin(opName);
-  journal_.snapshotRow(opId, opName, "cues", cueId);
+  if (Status j = journal_.snapshotRow(opId, opName, "cues", cueId); !j) return j;
   Statement del = conn_.prepare("DELETE FROM cues WHERE id=?");
   if (del.bind(1, cueId).stepCode() != SQLITE_DONE) {
-    lastError_ = conn_.errorMessage();
-    return std::nullopt;
+    return conn_.lastStatus();
   }
-  journal_.seal(opId);
-  if (!tx.commit()) return std::nullopt;
+  if (Status j = journal_.seal(opId); !j) return j;
+  if (Status kept = tx.commit(); !kept) return kept;
   return opId;
 }
 
-std::vector<int64_t> OrvelDB::autoCueIds(int64_t trackId) const {
+std::vector<int64_t> CueStore::autoCueIds(int64_t trackId) const {
   Statement st = conn_.prepare(
       "SELECT id FROM cues WHERE track_id=? AND source_id IS NULL AND (name IN ('AUTO IN','AUTO "
       "OUT') OR idx IN (90, 91))");
@@ -226,19 +230,22 @@ std::vector<int64_t> OrvelDB::autoCueIds(int64_t trackId) const {
   return out;
 }
 
-std::optional<std::string> OrvelDB::replaceAutoCues(int64_t trackId, double inMs, double outMs) {
+Result<std::string> CueStore::replaceAutoCues(int64_t trackId, double inMs, double outMs) {
   if (!conn_.scalarInt("SELECT 1 FROM tracks WHERE id = " + std::to_string(trackId))) {
-    lastError_ = "no track with id " + std::to_string(trackId);
-    return std::nullopt;
+    return Status::notFound("no track with id " + std::to_string(trackId));
   }
   const std::string opName = "Analyze Cues";
   Transaction tx(conn_);
+  if (!tx) return tx.status();
   const std::string opId = journal_.begin(opName);
-  for (int64_t id : autoCueIds(trackId)) journal_.snapshotRow(opId, opName, "cues", id);
-  conn_.execIgnoring(fmt::format(
-      "DELETE FROM cues WHERE track_id={} AND source_id IS NULL AND (name IN ('AUTO IN','AUTO "
-      "OUT') OR idx IN (90, 91))",
-      trackId));
+  for (int64_t id : autoCueIds(trackId))
+    if (Status j = journal_.snapshotRow(opId, opName, "cues", id); !j) return j;
+  if (Status s = conn_.exec(fmt::format(
+          "DELETE FROM cues WHERE track_id={} AND source_id IS NULL AND (name IN ('AUTO IN','AUTO "
+          "OUT') OR idx IN (90, 91))",
+          trackId));
+      !s)
+    return s;
   Statement ins = conn_.prepare(
       "INSERT INTO cues(track_id, source_id, bank, idx, position_ms, color, name, kind) VALUES(?, "
       "NULL, 'hot', ?, ?, ?, ?, 'cue')");
@@ -253,24 +260,26 @@ std::optional<std::string> OrvelDB::replaceAutoCues(int64_t trackId, double inMs
     ins.reset();
     ins.bind(1, trackId).bind(2, c.index).bind(3, c.ms).bind(4, c.color).bind(5, c.name);
     if (ins.stepCode() != SQLITE_DONE) {
-      lastError_ = conn_.errorMessage();
-      return std::nullopt;
+      return conn_.lastStatus();
     }
-    journal_.recordCreated(opId, opName, "cues", freshRowId("cues", conn_.lastInsertId()));
+    if (Status j =
+            journal_.recordCreated(opId, opName, "cues", freshRowId("cues", conn_.lastInsertId()));
+        !j)
+      return j;
   }
-  journal_.seal(opId);
-  if (!tx.commit()) return std::nullopt;
+  if (Status j = journal_.seal(opId); !j) return j;
+  if (Status kept = tx.commit(); !kept) return kept;
   return opId;
 }
 
-bool OrvelDB::replaceSourceCues(int64_t trackId, int64_t sourceId, std::span<const CueRow> cues,
-                                std::span<const BeatAnchor> grid) {
+Status CueStore::replaceSourceCues(int64_t trackId, int64_t sourceId, std::span<const CueRow> cues,
+                                   std::span<const BeatAnchor> grid) {
   Transaction tx(conn_);
+  if (!tx) return tx.status();
   for (const char* table : {"cues", "beatgrids"}) {
     if (auto error = conn_.execChecked(fmt::format(
             "DELETE FROM {} WHERE track_id={} AND source_id={}", table, trackId, sourceId))) {
-      lastError_ = *error;
-      return false;
+      return Status::failed(*error);
     }
   }
   Statement ins = conn_.prepare(
@@ -281,8 +290,7 @@ bool OrvelDB::replaceSourceCues(int64_t trackId, int64_t sourceId, std::span<con
     ins.bind(1, trackId).bind(2, sourceId).bind(3, c.index).bind(4, c.positionMs);
     ins.bind(5, c.lengthMs).bind(6, c.color).bind(7, c.name).bind(8, c.kind);
     if (ins.stepCode() != SQLITE_DONE) {
-      lastError_ = conn_.errorMessage();
-      return false;
+      return conn_.lastStatus();
     }
     freshRowId("cues", conn_.lastInsertId());
   }
@@ -292,14 +300,13 @@ bool OrvelDB::replaceSourceCues(int64_t trackId, int64_t sourceId, std::span<con
     Statement st = conn_.prepare(
         "INSERT OR REPLACE INTO beatgrids(track_id, source_id, anchors_json) VALUES(?,?,?)");
     if (st.bind(1, trackId).bind(2, sourceId).bind(3, anchors.dump()).stepCode() != SQLITE_DONE) {
-      lastError_ = conn_.errorMessage();
-      return false;
+      return conn_.lastStatus();
     }
   }
   return tx.commit();
 }
 
-std::vector<BeatAnchor> OrvelDB::beatGrid(int64_t trackId, std::optional<int64_t> sourceId) const {
+std::vector<BeatAnchor> CueStore::beatGrid(int64_t trackId, std::optional<int64_t> sourceId) const {
   Statement st =
       conn_.prepare("SELECT anchors_json FROM beatgrids WHERE track_id = ? AND source_id IS ?");
   st.bind(1, trackId).bind(2, sourceId);
@@ -307,7 +314,7 @@ std::vector<BeatAnchor> OrvelDB::beatGrid(int64_t trackId, std::optional<int64_t
   return parseAnchors(st.text(0));
 }
 
-std::vector<SourceGrid> OrvelDB::beatGrids(int64_t trackId) const {
+std::vector<SourceGrid> CueStore::beatGrids(int64_t trackId) const {
   Statement st = conn_.prepare(
       "SELECT g.source_id, COALESCE(s.name, ''), g.anchors_json FROM beatgrids g\n"
       "LEFT JOIN sources s ON s.id = g.source_id WHERE g.track_id = ? ORDER BY g.rowid");

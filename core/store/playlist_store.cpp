@@ -33,16 +33,14 @@ std::vector<PlaylistEntry> readEntries(Statement& st, bool withParent, bool with
 
 // ---- the tree ---------------------------------------------------------------
 
-std::optional<int64_t> OrvelDB::insertPlaylist(const std::string& name,
-                                               std::optional<int64_t> parent, std::string_view kind,
-                                               int64_t sourceId) {
+Result<int64_t> PlaylistStore::insertPlaylist(const std::string& name,
+                                              std::optional<int64_t> parent, std::string_view kind,
+                                              int64_t sourceId) {
   if (name.empty()) {
-    lastError_ = "a playlist needs a name";
-    return std::nullopt;
+    return Status::invalid("a playlist needs a name");
   }
   if (parent && !playlist(*parent)) {
-    lastError_ = "no playlist with id " + std::to_string(*parent);
-    return std::nullopt;
+    return Status::notFound("no playlist with id " + std::to_string(*parent));
   }
   Statement st =
       kind == "playlist"
@@ -54,65 +52,27 @@ std::optional<int64_t> OrvelDB::insertPlaylist(const std::string& name,
   st.bind(1, sourceId).bind(2, parent).bind(3, name);
   if (kind != "playlist") st.bind(4, kind);
   if (st.stepCode() != SQLITE_DONE) {
-    lastError_ = conn_.errorMessage();
-    return std::nullopt;
+    return conn_.lastStatus();
   }
   return freshRowId("playlists", conn_.lastInsertId());
 }
 
-std::optional<int64_t> OrvelDB::create(const std::string& name, std::optional<int64_t> parent,
-                                       std::string_view kind) {
+Result<int64_t> PlaylistStore::create(const std::string& name, std::optional<int64_t> parent,
+                                      std::string_view kind) {
   Transaction tx(conn_);
-  const auto id = insertPlaylist(name, parent, kind, orvelSourceId());
-  if (!id) return std::nullopt;
+  if (!tx) return tx.status();
+  const auto source = db_.tracks().orvelSourceId();
+  if (!source) return source.status();
+  const auto id = insertPlaylist(name, parent, kind, *source);
+  if (!id) return id.status();
   const std::string opName = kind == "crate" ? "New Crate" : "New Playlist";
-  journal_.recordCreated(journal_.begin(opName), opName, "playlists", *id);
-  if (!tx.commit()) return std::nullopt;
+  if (Status j = journal_.recordCreated(journal_.begin(opName), opName, "playlists", *id); !j)
+    return j;
+  if (Status kept = tx.commit(); !kept) return kept;
   return id;
 }
 
-std::optional<int64_t> OrvelDB::newSourceNode(const std::string& name, int64_t sourceId,
-                                              const std::string& opName) {
-  Transaction tx(conn_);
-  const auto id = insertPlaylist(name, std::nullopt, "playlist", sourceId);
-  if (!id) return std::nullopt;
-  journal_.recordCreated(journal_.begin(opName), opName, "playlists", *id);
-  if (!tx.commit()) return std::nullopt;
-  return id;
-}
-
-std::optional<int64_t> OrvelDB::newProject(const std::string& name) {
-  return newSourceNode(name, kStudioSourceId, "New Project");
-}
-
-std::optional<int64_t> OrvelDB::newRelease(const std::string& name) {
-  return newSourceNode(name, kDeskSourceId, "New Release");
-}
-
-std::vector<PlaylistEntry> OrvelDB::projects() const {
-  Statement st = conn_.prepare(
-      "SELECT id, name, parent_id FROM playlists WHERE source_id = 5 ORDER BY name COLLATE NOCASE");
-  return readEntries(st, true);
-}
-
-std::vector<PlaylistEntry> OrvelDB::releases() const {
-  Statement st = conn_.prepare(
-      "SELECT id, name, parent_id FROM playlists WHERE source_id = 7 ORDER BY name COLLATE NOCASE");
-  return readEntries(st, true);
-}
-
-std::optional<PlaylistEntry> OrvelDB::studioProject(int64_t trackId) const {
-  Statement st = conn_.prepare(
-      "SELECT p.id, p.name, p.parent_id\n"
-      "FROM playlist_tracks pt JOIN playlists p ON p.id = pt.playlist_id\n"
-      "WHERE pt.track_id = ? AND p.source_id = 5 LIMIT 1");
-  st.bind(1, trackId);
-  auto found = readEntries(st, true);
-  if (found.empty()) return std::nullopt;
-  return found.front();
-}
-
-std::optional<PlaylistEntry> OrvelDB::playlist(int64_t id) const {
+std::optional<PlaylistEntry> PlaylistStore::playlist(int64_t id) const {
   Statement st = conn_.prepare(
       "SELECT p.id, p.name, p.parent_id, COALESCE(s.name, ''),\n"
       "  (SELECT COUNT(*) FROM playlist_tracks m WHERE m.playlist_id = p.id)\n"
@@ -122,13 +82,13 @@ std::optional<PlaylistEntry> OrvelDB::playlist(int64_t id) const {
   return PlaylistEntry{st.int64(0), st.text(1), st.optInt64(2), st.text(3), st.int64(4)};
 }
 
-std::string OrvelDB::playlistKind(int64_t id) const {
+std::string PlaylistStore::playlistKind(int64_t id) const {
   Statement st = conn_.prepare("SELECT kind FROM playlists WHERE id = ?");
   st.bind(1, id);
   return st.step() ? st.text(0) : std::string();
 }
 
-std::string OrvelDB::playlistPath(int64_t id) const {
+std::string PlaylistStore::playlistPath(int64_t id) const {
   std::string path;
   std::set<int64_t> seen;  // a damaged tree may hold a cycle
   Statement st = conn_.prepare("SELECT name, parent_id FROM playlists WHERE id = ?");
@@ -142,48 +102,47 @@ std::string OrvelDB::playlistPath(int64_t id) const {
   return path;
 }
 
-std::optional<std::string> OrvelDB::renamePlaylist(int64_t id, const std::string& name) {
+Result<std::string> PlaylistStore::renamePlaylist(int64_t id, const std::string& name) {
   if (name.empty()) {
-    lastError_ = "a playlist needs a name";
-    return std::nullopt;
+    return Status::invalid("a playlist needs a name");
   }
   Statement old = conn_.prepare("SELECT name FROM playlists WHERE id=?");
   old.bind(1, id);
   if (!old.step()) {
-    lastError_ = "no playlist with id " + std::to_string(id);
-    return std::nullopt;
+    return Status::notFound("no playlist with id " + std::to_string(id));
   }
   const std::string opName = "Rename Crate";
   Transaction tx(conn_);
+  if (!tx) return tx.status();
   const std::string opId = journal_.begin(opName);
-  journal_.record(opId, opName, "playlists", id, "name", old.optText(0), name);
+  if (Status j = journal_.record(opId, opName, "playlists", id, "name", old.optText(0), name); !j)
+    return j;
   Statement up = conn_.prepare("UPDATE playlists SET name=? WHERE id=?");
-  if (up.bind(1, name).bind(2, id).stepCode() != SQLITE_DONE || !tx.commit()) {
-    lastError_ = conn_.errorMessage();
-    return std::nullopt;
-  }
+  if (up.bind(1, name).bind(2, id).stepCode() != SQLITE_DONE) return conn_.lastStatus();
+  if (Status kept = tx.commit(); !kept) return kept;
   return opId;
 }
 
-std::optional<std::string> OrvelDB::setPlaylistColor(int64_t id,
-                                                     const std::optional<std::string>& color) {
+Result<std::string> PlaylistStore::setPlaylistColor(int64_t id,
+                                                    const std::optional<std::string>& color) {
   if (!playlist(id)) {
-    lastError_ = "no playlist with id " + std::to_string(id);
-    return std::nullopt;
+    return Status::notFound("no playlist with id " + std::to_string(id));
   }
   const std::string opName = "Crate Color";
   Transaction tx(conn_);
+  if (!tx) return tx.status();
   const std::string opId = journal_.begin(opName);
-  journal_.recordCurrent(opId, opName, "playlists", std::vector<int64_t>{id}, "color", color);
+  if (Status j = journal_.recordCurrent(opId, opName, "playlists", std::vector<int64_t>{id},
+                                        "color", color);
+      !j)
+    return j;
   Statement up = conn_.prepare("UPDATE playlists SET color=? WHERE id=?");
-  if (up.bind(1, color).bind(2, id).stepCode() != SQLITE_DONE || !tx.commit()) {
-    lastError_ = conn_.errorMessage();
-    return std::nullopt;
-  }
+  if (up.bind(1, color).bind(2, id).stepCode() != SQLITE_DONE) return conn_.lastStatus();
+  if (Status kept = tx.commit(); !kept) return kept;
   return opId;
 }
 
-std::map<int64_t, std::string> OrvelDB::playlistColors() const {
+std::map<int64_t, std::string> PlaylistStore::playlistColors() const {
   std::map<int64_t, std::string> out;
   Statement st =
       conn_.prepare("SELECT id, color FROM playlists WHERE color IS NOT NULL AND color <> ''");
@@ -191,7 +150,7 @@ std::map<int64_t, std::string> OrvelDB::playlistColors() const {
   return out;
 }
 
-bool OrvelDB::isDescendant(int64_t node, int64_t ancestor) const {
+bool PlaylistStore::isDescendant(int64_t node, int64_t ancestor) const {
   std::set<int64_t> seen{node};
   int64_t at = node;
   for (;;) {
@@ -205,35 +164,33 @@ bool OrvelDB::isDescendant(int64_t node, int64_t ancestor) const {
   }
 }
 
-std::optional<std::string> OrvelDB::setPlaylistParent(int64_t id, std::optional<int64_t> parent) {
+Result<std::string> PlaylistStore::setPlaylistParent(int64_t id, std::optional<int64_t> parent) {
   if (!playlist(id)) {
-    lastError_ = "no playlist with id " + std::to_string(id);
-    return std::nullopt;
+    return Status::notFound("no playlist with id " + std::to_string(id));
   }
   if (parent && !playlist(*parent)) {
-    lastError_ = "no playlist with id " + std::to_string(*parent);
-    return std::nullopt;
+    return Status::notFound("no playlist with id " + std::to_string(*parent));
   }
   if (parent && (*parent == id || isDescendant(*parent, id))) {
-    lastError_ = "a playlist cannot move into itself or into one of its own playlists";
-    return std::nullopt;
+    return Status::failed("a playlist cannot move into itself or into one of its own playlists");
   }
   const std::string opName = "Move Playlist";
   const std::optional<std::string> newValue =
       parent ? std::optional<std::string>(std::to_string(*parent)) : std::nullopt;
   Transaction tx(conn_);
+  if (!tx) return tx.status();
   const std::string opId = journal_.begin(opName);
-  journal_.recordCurrent(opId, opName, "playlists", std::vector<int64_t>{id}, "parent_id",
-                         newValue);
+  if (Status j = journal_.recordCurrent(opId, opName, "playlists", std::vector<int64_t>{id},
+                                        "parent_id", newValue);
+      !j)
+    return j;
   Statement up = conn_.prepare("UPDATE playlists SET parent_id = ? WHERE id = ?");
-  if (up.bind(1, parent).bind(2, id).stepCode() != SQLITE_DONE || !tx.commit()) {
-    lastError_ = conn_.errorMessage();
-    return std::nullopt;
-  }
+  if (up.bind(1, parent).bind(2, id).stepCode() != SQLITE_DONE) return conn_.lastStatus();
+  if (Status kept = tx.commit(); !kept) return kept;
   return opId;
 }
 
-std::vector<int64_t> OrvelDB::childPlaylistIds(int64_t id) const {
+std::vector<int64_t> PlaylistStore::childPlaylistIds(int64_t id) const {
   Statement st = conn_.prepare("SELECT id FROM playlists WHERE parent_id = ?");
   st.bind(1, id);
   std::vector<int64_t> out;
@@ -241,7 +198,7 @@ std::vector<int64_t> OrvelDB::childPlaylistIds(int64_t id) const {
   return out;
 }
 
-std::vector<int64_t> OrvelDB::subtreeIds(int64_t id) const {
+std::vector<int64_t> PlaylistStore::subtreeIds(int64_t id) const {
   std::vector<int64_t> out{id};
   std::set<int64_t> seen{id};
   for (size_t i = 0; i < out.size(); ++i)
@@ -250,11 +207,10 @@ std::vector<int64_t> OrvelDB::subtreeIds(int64_t id) const {
   return out;
 }
 
-std::optional<std::string> OrvelDB::deletePlaylist(int64_t id) {
+Result<std::string> PlaylistStore::deletePlaylist(int64_t id) {
   const auto node = playlist(id);
   if (!node) {
-    lastError_ = "no playlist with id " + std::to_string(id);
-    return std::nullopt;
+    return Status::notFound("no playlist with id " + std::to_string(id));
   }
   const std::vector<int64_t> ids = subtreeIds(id);
   const std::string idList = joinIds(ids);
@@ -265,23 +221,28 @@ std::optional<std::string> OrvelDB::deletePlaylist(int64_t id) {
           .value_or(0);
   // The deletion itself can be undone; the snapshot is the way back should
   // the history ever be lost. A snapshot that fails does not stop the user.
-  if (tracks > kSnapshotAboveTracks && !snapshotBefore("before deleting " + node->name))
-    note("Delete Playlist: no snapshot (" + snapshots_.lastError() + "); deleting " + node->name +
-         " anyway, it can be undone");
+  if (tracks > kSnapshotAboveTracks) {
+    if (Status snap = db_.snapshotBefore("before deleting " + node->name); !snap)
+      note("Delete Playlist: no snapshot (" + snap.message() + "); deleting " + node->name +
+           " anyway, it can be undone");
+  }
 
   const std::string opName = "Delete Playlist";
   Transaction tx(conn_);
+  if (!tx) return tx.status();
   const std::string opId = journal_.begin(opName);
   // Everything is recorded before anything is deleted, leaves first and each
   // node's row last, so undo (newest entry first) puts parents back before
   // their children and a node's row before its members, as foreign keys need.
   Statement smart = conn_.prepare("SELECT 1 FROM smart_playlists WHERE playlist_id = ?");
   for (auto it = ids.rbegin(); it != ids.rend(); ++it) {
-    journal_.snapshotPlaylist(opId, opName, *it);
+    if (Status j = journal_.snapshotPlaylist(opId, opName, *it); !j) return j;
     smart.reset();
     smart.bind(1, *it);
-    if (smart.step()) journal_.snapshotRow(opId, opName, "smart_playlists", *it);
-    journal_.snapshotRow(opId, opName, "playlists", *it);
+    if (smart.step()) {
+      if (Status j = journal_.snapshotRow(opId, opName, "smart_playlists", *it); !j) return j;
+    }
+    if (Status j = journal_.snapshotRow(opId, opName, "playlists", *it); !j) return j;
   }
   // Children first, as the tree is taken down from the leaves.
   for (auto it = ids.rbegin(); it != ids.rend(); ++it) {
@@ -290,46 +251,16 @@ std::optional<std::string> OrvelDB::deletePlaylist(int64_t id) {
                                    "DELETE FROM playlists WHERE id = " + each,
                                    "DELETE FROM smart_playlists WHERE playlist_id = " + each}) {
       if (auto error = conn_.execChecked(sql)) {
-        lastError_ = *error;
-        return std::nullopt;  // rolls back, journal entries included
+        return Status::failed(*error);  // rolls back, journal entries included
       }
     }
   }
-  journal_.seal(opId);
-  if (!tx.commit()) {
-    lastError_ = "the deletion could not be saved";
-    return std::nullopt;
-  }
+  if (Status j = journal_.seal(opId); !j) return j;
+  if (Status kept = tx.commit(); !kept) return kept;
   return opId;
 }
 
-std::vector<PlaylistEntry> OrvelDB::writablePlaylists() const {
-  std::vector<PlaylistEntry> out;
-  Statement st = conn_.prepare(
-      "SELECT p.id, p.name, s.name FROM playlists p\n"
-      "JOIN sources s ON s.id = p.source_id\n"
-      "ORDER BY s.name = 'orvel' DESC, s.name, p.name COLLATE NOCASE");
-  while (st.step()) out.push_back({st.int64(0), st.text(1), std::nullopt, st.text(2), 0});
-  return out;
-}
-
-std::vector<PlaylistEntry> OrvelDB::orvelPlaylists() {
-  Statement st = conn_.prepare(
-      "SELECT id, name FROM playlists WHERE source_id=? ORDER BY name COLLATE NOCASE");
-  st.bind(1, orvelSourceId());
-  return readEntries(st, false);
-}
-
-std::vector<PlaylistEntry> OrvelDB::playlistsForDJExport(int64_t maxTracks) const {
-  Statement st = conn_.prepare(
-      "SELECT p.id, p.name, COUNT(m.track_id) AS n FROM playlists p LEFT JOIN playlist_tracks m ON "
-      "m.playlist_id = p.id WHERE p.kind = 'crate' GROUP BY p.id HAVING n > 0 AND n <= ?1 ORDER BY "
-      "p.name COLLATE NOCASE");
-  st.bind(1, maxTracks);
-  return readEntries(st, false, true);
-}
-
-std::vector<PlaylistEntry> OrvelDB::playlistsContaining(int64_t trackId) const {
+std::vector<PlaylistEntry> PlaylistStore::playlistsContaining(int64_t trackId) const {
   Statement st = conn_.prepare(
       "SELECT p.id, p.name FROM playlists p JOIN playlist_tracks pt ON pt.playlist_id = p.id WHERE "
       "pt.track_id = ? ORDER BY p.name");
@@ -337,7 +268,7 @@ std::vector<PlaylistEntry> OrvelDB::playlistsContaining(int64_t trackId) const {
   return readEntries(st, false);
 }
 
-std::optional<int64_t> OrvelDB::playlistByPath(const std::string& path) const {
+std::optional<int64_t> PlaylistStore::playlistByPath(const std::string& path) const {
   // The depth bound keeps a damaged tree with a cycle from recursing forever.
   Statement st = conn_.prepare(
       "WITH RECURSIVE up(id, full, parent, depth) AS (\n"
@@ -352,7 +283,7 @@ std::optional<int64_t> OrvelDB::playlistByPath(const std::string& path) const {
   return st.int64(0);
 }
 
-std::vector<CrateNode> OrvelDB::crateTree() const {
+std::vector<CrateNode> PlaylistStore::crateTree() const {
   std::vector<CrateNode> flat;
   {
     Statement st = conn_.prepare(
@@ -401,7 +332,7 @@ std::vector<CrateNode> OrvelDB::crateTree() const {
 
 // ---- members ----------------------------------------------------------------
 
-std::vector<int64_t> OrvelDB::orderedTrackIds(int64_t playlistId) const {
+std::vector<int64_t> PlaylistStore::orderedTrackIds(int64_t playlistId) const {
   Statement st = conn_.prepare(
       "SELECT track_id FROM playlist_tracks WHERE playlist_id=? ORDER BY position, rowid");
   st.bind(1, playlistId);
@@ -410,42 +341,37 @@ std::vector<int64_t> OrvelDB::orderedTrackIds(int64_t playlistId) const {
   return out;
 }
 
-bool OrvelDB::insertMembers(int64_t playlistId, std::span<const int64_t> ids,
-                            int64_t firstPosition) {
+Status PlaylistStore::insertMembers(int64_t playlistId, std::span<const int64_t> ids,
+                                    int64_t firstPosition) {
   Statement ins = conn_.prepare(
       "INSERT OR IGNORE INTO playlist_tracks(playlist_id, track_id, position) VALUES(?,?,?)");
   int64_t position = firstPosition;
   for (int64_t id : ids) {
     ins.reset();
     if (ins.bind(1, playlistId).bind(2, id).bind(3, position++).stepCode() != SQLITE_DONE) {
-      lastError_ = conn_.errorMessage();
-      return false;
+      return conn_.lastStatus();
     }
   }
-  return true;
+  return Status::ok();
 }
 
-std::optional<std::string> OrvelDB::journaledMembers(int64_t playlistId, const std::string& opName,
-                                                     const std::function<bool()>& edit) {
+Result<std::string> PlaylistStore::journaledMembers(int64_t playlistId, const std::string& opName,
+                                                    const std::function<Status()>& edit) {
   if (!playlist(playlistId)) {
-    lastError_ = "no playlist with id " + std::to_string(playlistId);
-    return std::nullopt;
+    return Status::notFound("no playlist with id " + std::to_string(playlistId));
   }
   Transaction tx(conn_);
+  if (!tx) return tx.status();
   const std::string opId = journal_.begin(opName);
-  journal_.snapshotPlaylist(opId, opName, playlistId);
-  if (!edit()) return std::nullopt;
-  journal_.seal(opId);
-  if (!tx.commit()) {
-    lastError_ = "the change could not be saved";
-    return std::nullopt;
-  }
+  if (Status j = journal_.snapshotPlaylist(opId, opName, playlistId); !j) return j;
+  if (Status edited = edit(); !edited) return edited;
+  if (Status j = journal_.seal(opId); !j) return j;
+  if (Status kept = tx.commit(); !kept) return kept;
   return opId;
 }
 
-std::optional<std::string> OrvelDB::addToPlaylist(std::span<const int64_t> ids,
-                                                  int64_t playlistId) {
-  return journaledMembers(playlistId, "Add to Playlist", [&] {
+Result<std::string> PlaylistStore::addToPlaylist(std::span<const int64_t> ids, int64_t playlistId) {
+  return journaledMembers(playlistId, "Add to Playlist", [&]() -> Status {
     // A track is a member once; adding it again keeps its place.
     const auto current = orderedTrackIds(playlistId);
     std::set<int64_t> present(current.begin(), current.end());
@@ -463,26 +389,24 @@ std::optional<std::string> OrvelDB::addToPlaylist(std::span<const int64_t> ids,
   });
 }
 
-std::optional<std::string> OrvelDB::removeFromPlaylist(std::span<const int64_t> ids,
-                                                       int64_t playlistId) {
-  return journaledMembers(playlistId, "Remove from Playlist", [&] {
+Result<std::string> PlaylistStore::removeFromPlaylist(std::span<const int64_t> ids,
+                                                      int64_t playlistId) {
+  return journaledMembers(playlistId, "Remove from Playlist", [&]() -> Status {
     if (auto error = conn_.execChecked(
             "DELETE FROM playlist_tracks WHERE playlist_id=" + std::to_string(playlistId) +
             " AND track_id IN (" + joinIds(ids) + ")")) {
-      lastError_ = *error;
-      return false;
+      return Status::failed(*error);
     }
-    return true;
+    return Status::ok();
   });
 }
 
-std::optional<std::string> OrvelDB::reorderPlaylist(int64_t playlistId,
-                                                    std::span<const int64_t> ids) {
-  return journaledMembers(playlistId, "Reorder Playlist", [&] {
+Result<std::string> PlaylistStore::reorderPlaylist(int64_t playlistId,
+                                                   std::span<const int64_t> ids) {
+  return journaledMembers(playlistId, "Reorder Playlist", [&]() -> Status {
     if (auto error = conn_.execChecked("DELETE FROM playlist_tracks WHERE playlist_id=" +
                                        std::to_string(playlistId))) {
-      lastError_ = *error;
-      return false;
+      return Status::failed(*error);
     }
     Statement ins = conn_.prepare(
         "INSERT OR REPLACE INTO playlist_tracks(playlist_id, track_id, position) VALUES(?,?,?)");
@@ -490,48 +414,32 @@ std::optional<std::string> OrvelDB::reorderPlaylist(int64_t playlistId,
     for (int64_t id : ids) {
       ins.reset();
       if (ins.bind(1, playlistId).bind(2, id).bind(3, position++).stepCode() != SQLITE_DONE) {
-        lastError_ = conn_.errorMessage();
-        return false;
+        return conn_.lastStatus();
       }
     }
-    return true;
+    return Status::ok();
   });
 }
 
-bool OrvelDB::replacePlaylistTracks(int64_t playlistId, std::span<const int64_t> ids) {
+Status PlaylistStore::replacePlaylistTracks(int64_t playlistId, std::span<const int64_t> ids) {
   // Re-evaluating a smart playlist usually finds the same members; leave the
   // rows (and the WAL) alone then.
   const auto current = orderedTrackIds(playlistId);
-  if (std::equal(current.begin(), current.end(), ids.begin(), ids.end())) return true;
+  if (std::equal(current.begin(), current.end(), ids.begin(), ids.end())) return Status::ok();
   Transaction tx(conn_);
+  if (!tx) return tx.status();
   Statement del = conn_.prepare("DELETE FROM playlist_tracks WHERE playlist_id = ?");
   if (del.bind(1, playlistId).stepCode() != SQLITE_DONE) {
-    lastError_ = conn_.errorMessage();
-    return false;
+    return conn_.lastStatus();
   }
-  return insertMembers(playlistId, ids, 0) && tx.commit();
+  if (Status s = insertMembers(playlistId, ids, 0); !s) return s;
+  return tx.commit();
 }
 
-std::vector<std::string> OrvelDB::playlistPaths(int64_t playlistId) const {
-  Statement st = conn_.prepare(
-      "SELECT t.path FROM playlist_tracks pt JOIN tracks t ON t.id = pt.track_id\n"
-      "WHERE pt.playlist_id = ? AND t.path IS NOT NULL AND t.path <> ''\n"
-      "ORDER BY pt.position");
-  st.bind(1, playlistId);
-  std::vector<std::string> out;
-  while (st.step()) out.push_back(st.text(0));
-  return out;
-}
-
-int64_t OrvelDB::playlistRowCount(int64_t playlistId) const {
+int64_t PlaylistStore::playlistRowCount(int64_t playlistId) const {
   Statement st = conn_.prepare("SELECT COUNT(*) FROM playlist_tracks WHERE playlist_id = ?");
   st.bind(1, playlistId);
   return st.step() ? st.int64(0) : 0;
-}
-
-bool OrvelDB::snapshotBefore(const std::string& reason) {
-  if (snapshots_.take(reason, 60)) return true;
-  return snapshots_.lastError().empty();  // skipped: a fresh one exists
 }
 
 }  // namespace orvel

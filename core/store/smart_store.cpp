@@ -1,17 +1,12 @@
 // Smart playlists in the catalogue: running a rule set, keeping its JSON
 // document in `smart_playlists`, and writing the evaluated ids back as the
 // playlist's stored members so every reader of plain playlists sees them.
+#include "core/store/log.h"
 #include "core/store/orvel_db.h"
 
 namespace orvel {
 
-void OrvelDB::ensureSmartSchema() const {
-  conn_.execIgnoring(
-      "CREATE TABLE IF NOT EXISTS smart_playlists(\n"
-      "  playlist_id INTEGER PRIMARY KEY, rules_json TEXT NOT NULL, live INTEGER NOT NULL)");
-}
-
-std::vector<int64_t> OrvelDB::smartQueryIds(const SmartPlaylist& playlist) const {
+std::vector<int64_t> SmartStore::smartQueryIds(const SmartPlaylist& playlist) const {
   const auto [sql, binds] = playlist.query();
   Statement st = conn_.prepare(sql);
   for (size_t i = 0; i < binds.size(); ++i) st.bind(static_cast<int>(i + 1), binds[i]);
@@ -27,27 +22,24 @@ std::vector<int64_t> OrvelDB::smartQueryIds(const SmartPlaylist& playlist) const
   }
 }
 
-bool OrvelDB::saveSmartRules(int64_t playlistId, const SmartPlaylist& playlist) {
-  ensureSmartSchema();
+Status SmartStore::saveSmartRules(int64_t playlistId, const SmartPlaylist& playlist) {
   Statement st = conn_.prepare(
       "INSERT OR REPLACE INTO smart_playlists(playlist_id, rules_json, live) VALUES(?,?,?)");
   st.bind(1, playlistId).bind(2, playlist.toJSON()).bind(3, playlist.liveUpdate ? 1 : 0);
   if (st.stepCode() != SQLITE_DONE) {
-    lastError_ = conn_.errorMessage();
-    return false;
+    return conn_.lastStatus();
   }
-  return true;
+  return Status::ok();
 }
 
-std::optional<SmartPlaylist> OrvelDB::loadSmartRules(int64_t playlistId) const {
+std::optional<SmartPlaylist> SmartStore::loadSmartRules(int64_t playlistId) const {
   Statement st = conn_.prepare("SELECT rules_json FROM smart_playlists WHERE playlist_id = ?");
   st.bind(1, playlistId);
   if (!st.step() || st.isNull(0)) return std::nullopt;
   return SmartPlaylist::fromJSON(st.textView(0));
 }
 
-std::map<int64_t, bool> OrvelDB::smartPlaylists() const {
-  ensureSmartSchema();
+std::map<int64_t, bool> SmartStore::smartPlaylists() const {
   std::map<int64_t, bool> out;
   Statement rules = conn_.prepare("SELECT playlist_id, live FROM smart_playlists");
   while (rules.step()) out[rules.int64(0)] = rules.int64(1) != 0;
@@ -57,73 +49,80 @@ std::map<int64_t, bool> OrvelDB::smartPlaylists() const {
   return out;
 }
 
-SmartSaveResult OrvelDB::saveSmartPlaylist(const SmartPlaylist& playlist,
-                                           std::optional<int64_t> existing) {
+SmartSaveResult SmartStore::saveSmartPlaylist(const SmartPlaylist& playlist,
+                                              std::optional<int64_t> existing) {
   SmartSaveResult result;
   if (playlist.rules.empty()) {
     result.error = "Add at least one rule — an empty one matches everything";
     return result;
   }
-  if (existing && !this->playlist(*existing)) {
+  if (existing && !db_.playlists().playlist(*existing)) {
     result.error = "no playlist with id " + std::to_string(*existing);
     return result;
   }
   const std::vector<int64_t> ids = smartQueryIds(playlist);
-  ensureSmartSchema();
 
   const std::string opName = existing ? "Edit Smart Playlist" : "New Smart Playlist";
+  // Every step reports the same way: the reason in result.error, and the
+  // transaction rolls back whatever was written.
+  const auto fail = [&](const Status& why) {
+    result.error = why.message();
+    return result;
+  };
   Transaction tx(conn_);
+  if (!tx) return fail(tx.status());
   const std::string opId = journal_.begin(opName);
   int64_t id = 0;
+  PlaylistStore& playlists = db_.playlists();
   if (existing) {
     id = *existing;
-    journal_.snapshotRow(opId, opName, "playlists", id);
-    journal_.snapshotPlaylist(opId, opName, id);
-    journal_.snapshotRow(opId, opName, "smart_playlists", id);
+    for (Status step : {journal_.snapshotRow(opId, opName, "playlists", id),
+                        journal_.snapshotPlaylist(opId, opName, id),
+                        journal_.snapshotRow(opId, opName, "smart_playlists", id)})
+      if (!step) return fail(step);
     Statement up = conn_.prepare("UPDATE playlists SET name = ?, kind = 'smart' WHERE id = ?");
-    if (up.bind(1, playlist.name).bind(2, id).stepCode() != SQLITE_DONE) {
-      result.error = conn_.errorMessage();
-      return result;
-    }
+    if (up.bind(1, playlist.name).bind(2, id).stepCode() != SQLITE_DONE)
+      return fail(conn_.lastStatus());
   } else {
-    const auto created = insertPlaylist(playlist.name, std::nullopt, "smart", orvelSourceId());
-    if (!created) {
-      result.error = lastError_;
-      return result;
-    }
+    const auto source = db_.tracks().orvelSourceId();
+    if (!source) return fail(source.status());
+    const auto created = playlists.insertPlaylist(playlist.name, std::nullopt, "smart", *source);
+    if (!created) return fail(created.status());
     id = *created;
-    journal_.recordCreated(opId, opName, "playlists", id);
+    if (Status j = journal_.recordCreated(opId, opName, "playlists", id); !j) return fail(j);
   }
-  if (!replacePlaylistTracks(id, ids) || !saveSmartRules(id, playlist)) {
-    result.error = lastError_;
-    return result;
-  }
+  if (Status s = playlists.replacePlaylistTracks(id, ids); !s) return fail(s);
+  if (Status s = saveSmartRules(id, playlist); !s) return fail(s);
   if (existing) {
-    journal_.seal(opId);
+    if (Status j = journal_.seal(opId); !j) return fail(j);
   } else {
     // Undo of the creation clears the members and the rules before the row.
-    journal_.record(opId, opName, "playlists", id, std::string(Journal::kMembersField), "[]",
-                    journal_.membersJSON(id));
-    journal_.recordCreated(opId, opName, "smart_playlists", id);
+    if (Status j =
+            journal_.record(opId, opName, "playlists", id, std::string(Journal::kMembersField),
+                            "[]", journal_.membersJSON(id));
+        !j)
+      return fail(j);
+    if (Status j = journal_.recordCreated(opId, opName, "smart_playlists", id); !j) return fail(j);
   }
-  if (!tx.commit()) {
-    result.error = "the playlist could not be saved";
-    return result;
-  }
+  if (Status kept = tx.commit(); !kept) return fail(kept);
   result.playlistId = id;
   result.trackCount = static_cast<int64_t>(ids.size());
   result.opId = opId;
   return result;
 }
 
-std::optional<std::vector<int64_t>> OrvelDB::refreshSmartPlaylist(int64_t playlistId) {
+std::optional<std::vector<int64_t>> SmartStore::refreshSmartPlaylist(int64_t playlistId) {
   const auto smart = smartPlaylists();
   const auto it = smart.find(playlistId);
   if (it == smart.end() || !it->second) return std::nullopt;
   const auto rules = loadSmartRules(playlistId);
   if (!rules) return std::nullopt;
   std::vector<int64_t> ids = smartQueryIds(*rules);
-  replacePlaylistTracks(playlistId, ids);
+  // The evaluation stands even when its stored copy cannot be updated; the
+  // next refresh tries again.
+  if (Status stored = db_.playlists().replacePlaylistTracks(playlistId, ids); !stored)
+    note("smart playlist " + std::to_string(playlistId) +
+         ": members not stored: " + stored.message());
   return ids;
 }
 

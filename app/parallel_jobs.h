@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-namespace orvel::cli {
+namespace orvel::app {
 
 // Runs work(i) for i < count on up to `jobs` threads (0: one per core) and
 // calls done(i, result) on this thread in the order the results arrive. Once
@@ -60,4 +60,4 @@ size_t forEachParallel(size_t count, unsigned jobs, const std::atomic<bool>& sto
   return handed;
 }
 
-}  // namespace orvel::cli
+}  // namespace orvel::app
