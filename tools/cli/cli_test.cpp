@@ -6,6 +6,10 @@
 #include <gmock/gmock.h>
 #include <sqlite3.h>
 
+#include <chrono>
+#include <fstream>
+#include <iterator>
+
 #include "core/store/locations.h"
 #include "tools/cli/cli_fixture.h"
 
@@ -168,6 +172,38 @@ TEST_F(CliTest, InfoAndBackup) {
   const Result relink = orvel({"relink"});
   EXPECT_EQ(relink.code, 0);
   EXPECT_THAT(relink.out, HasSubstr("3 files not found"));
+}
+
+TEST_F(CliTest, ReadingNeitherWaitsForAWriterNorChangesTheCatalogue) {
+  // Another process (the window, say) is in the middle of a write.
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open(dbPath().c_str(), &other), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE; UPDATE tracks SET genre = 'x'", nullptr, nullptr,
+                         nullptr),
+            SQLITE_OK);
+  const auto start = std::chrono::steady_clock::now();
+  const Result ls = orvel({"ls"});
+  const auto took = std::chrono::steady_clock::now() - start;
+  sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr);
+  sqlite3_close(other);
+  EXPECT_EQ(ls.code, 0) << ls.err;
+  EXPECT_THAT(ls.out, HasSubstr("XTC"));
+  EXPECT_LT(took, std::chrono::seconds(1));
+
+  // A backup looked at with --db stays byte for byte as it was.
+  ASSERT_EQ(orvel({"backup"}).code, 0);
+  std::filesystem::path copy;
+  for (const auto& entry : std::filesystem::directory_iterator(dir_ / "Backups")) copy = entry;
+  ASSERT_FALSE(copy.empty());
+  const auto bytes = [&] {
+    std::ifstream in(copy, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  const std::string before = bytes();
+  std::ostringstream out, err;
+  EXPECT_EQ(run({"--db", copy.string(), "ls"}, out, err), 0) << err.str();
+  EXPECT_THAT(out.str(), HasSubstr("XTC"));
+  EXPECT_TRUE(bytes() == before) << "looking at a backup changed it";
 }
 
 }  // namespace
