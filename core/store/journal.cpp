@@ -367,15 +367,53 @@ std::vector<Journal::Entry> Journal::entries(const std::string& opId) const {
   return out;
 }
 
-Result<int> Journal::undo(const std::string& opId) const {
+Result<Journal::Applied> Journal::undo(const std::string& opId) const {
   return apply(opId, true);
 }
-Result<int> Journal::redo(const std::string& opId) const {
+Result<Journal::Applied> Journal::redo(const std::string& opId) const {
   return apply(opId, false);
 }
 
-Result<int> Journal::apply(const std::string& opId, bool undoing) const {
+bool Journal::overtaken(int64_t entryId, const std::string& opId, const std::string& entity,
+                        int64_t entityId, const std::string& field) const {
+  // A whole-row image and any field of that row overtake each other; a member
+  // list stands apart from the playlist's own row.
+  Statement st = conn_.cached(
+      "SELECT 1 FROM history WHERE entity = ?1 AND entity_id = ?2 AND id > ?3 AND op_id <> ?4 "
+      "AND undone = 0 AND (field = ?5 OR (?5 = '@row' AND field <> '@members') OR "
+      "(field = '@row' AND ?5 <> '@members')) LIMIT 1");
+  st.bind(1, entity).bind(2, entityId).bind(3, entryId).bind(4, opId).bind(5, field);
+  return st.step();
+}
+
+std::optional<std::string> Journal::valueBefore(int64_t entryId, const std::string& opId,
+                                                const std::string& entity, int64_t entityId,
+                                                const std::string& field,
+                                                std::optional<std::string> oldValue) const {
+  // The old value an entry recorded may itself have come from an earlier
+  // operation that has been undone since (set A, set B, undo the first, undo
+  // the second): then the field goes back to what was there before that one,
+  // and so on down the chain. A value that does not match the earlier
+  // entry's new value was written by something else in between (an analysis
+  // filling an empty tempo) and is the one to restore.
+  Statement earlier = conn_.cached(
+      "SELECT id, old_value, new_value, undone FROM history WHERE entity = ? AND entity_id = ? "
+      "AND field = ? AND id < ? AND op_id <> ? ORDER BY id DESC LIMIT 1");
+  int64_t at = entryId;
+  for (int depth = 0; depth < 10000; ++depth) {
+    earlier.reset();
+    earlier.bind(1, entity).bind(2, entityId).bind(3, field).bind(4, at).bind(5, opId);
+    if (!earlier.step()) break;
+    if (earlier.int64(3) == 0 || earlier.optText(2) != oldValue) break;
+    at = earlier.int64(0);
+    oldValue = earlier.optText(1);
+  }
+  return oldValue;
+}
+
+Result<Journal::Applied> Journal::apply(const std::string& opId, bool undoing) const {
   struct Pending {
+    int64_t entryId;
     std::string entity;
     int64_t entityId;
     std::string field;
@@ -386,35 +424,43 @@ Result<int> Journal::apply(const std::string& opId, bool undoing) const {
     // Undo walks newest first, redo oldest first, so that rows come back
     // before the entries that refer to them.
     Statement st =
-        conn_.prepare(undoing ? "SELECT entity, entity_id, field, old_value FROM history\n"
+        conn_.prepare(undoing ? "SELECT id, entity, entity_id, field, old_value FROM history\n"
                                 "WHERE op_id = ? AND undone = 0 ORDER BY id DESC"
-                              : "SELECT entity, entity_id, field, new_value FROM history\n"
+                              : "SELECT id, entity, entity_id, field, new_value FROM history\n"
                                 "WHERE op_id = ? AND undone = 1 ORDER BY id ASC");
     st.bind(1, opId);
-    while (st.step()) pending.push_back({st.text(0), st.int64(1), st.text(2), st.optText(3)});
+    while (st.step())
+      pending.push_back({st.int64(0), st.text(1), st.int64(2), st.text(3), st.optText(4)});
   }
-  if (pending.empty()) return 0;
+  Applied result;
+  if (pending.empty()) return result;
 
-  int applied = 0;
   Transaction tx(conn_);
   if (!tx) return tx.status();
   for (const auto& e : pending) {
+    // A later operation still in force changed the same value: going back
+    // (or forward) over it would silently throw that newer edit away.
+    if (overtaken(e.entryId, opId, e.entity, e.entityId, e.field)) {
+      ++result.kept;
+      continue;
+    }
     if (e.field == kRowField || e.field == kMembersField) {
-      if (restoreRow(e.entity, e.entityId, e.value)) ++applied;
+      if (restoreRow(e.entity, e.entityId, e.value)) ++result.applied;
       continue;
     }
     if (!isWritable(e.entity, e.field)) continue;
-    if (e.entity == "playlists" && e.field == "parent_id" && wouldLoop(e.entityId, e.value))
-      continue;
+    const auto value =
+        undoing ? valueBefore(e.entryId, opId, e.entity, e.entityId, e.field, e.value) : e.value;
+    if (e.entity == "playlists" && e.field == "parent_id" && wouldLoop(e.entityId, value)) continue;
     Statement up = conn_.prepare("UPDATE " + e.entity + " SET " + e.field + " = ? WHERE id = ?");
-    up.bind(1, e.value).bind(2, e.entityId);
-    if (up.stepCode() == SQLITE_DONE) ++applied;
+    up.bind(1, value).bind(2, e.entityId);
+    if (up.stepCode() == SQLITE_DONE) ++result.applied;
   }
   Statement mark = conn_.prepare(undoing ? "UPDATE history SET undone = 1 WHERE op_id = ?"
                                          : "UPDATE history SET undone = 0 WHERE op_id = ?");
   if (mark.bind(1, opId).stepCode() != SQLITE_DONE) return conn_.lastStatus();
   if (Status kept = tx.commit(); !kept) return kept;
-  return applied;
+  return result;
 }
 
 // The listing orders operations of the same second by op id, which carries a

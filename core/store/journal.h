@@ -86,11 +86,18 @@ class Journal {
 
   std::vector<Operation> operations(int limit) const;
   std::vector<Entry> entries(const std::string& opId) const;
-  // Each returns how many entries it applied, in one transaction; an op
-  // with nothing left to undo (or redo) applies none. A failed commit is an
-  // error, never a count.
-  Result<int> undo(const std::string& opId) const;
-  Result<int> redo(const std::string& opId) const;
+  // What undo or redo did: entries written, and entries left as they are
+  // because a later operation still in force changed the same value.
+  struct Applied {
+    int applied = 0;
+    int kept = 0;
+  };
+  // Each applies the operation's entries in one transaction; an op with
+  // nothing left to undo (or redo) applies none. A value that a later
+  // operation in force has changed since is kept, not overwritten, and
+  // counted in `kept`. A failed commit is an error, never a count.
+  Result<Applied> undo(const std::string& opId) const;
+  Result<Applied> redo(const std::string& opId) const;
   // The same operations in the order they were recorded: the listing orders
   // operations of one second by op id, which holds a random number.
   std::vector<Operation> inRecordedOrder(std::vector<Operation> ops) const;
@@ -106,7 +113,16 @@ class Journal {
   std::string membersJSON(int64_t playlistId) const;
 
  private:
-  Result<int> apply(const std::string& opId, bool undoing) const;
+  Result<Applied> apply(const std::string& opId, bool undoing) const;
+  // Whether a later operation still in force has written the same value
+  // (the same field, or the whole row) since history entry `entryId`.
+  bool overtaken(int64_t entryId, const std::string& opId, const std::string& entity,
+                 int64_t entityId, const std::string& field) const;
+  // The value a field goes back to when entry `entryId` is undone.
+  std::optional<std::string> valueBefore(int64_t entryId, const std::string& opId,
+                                         const std::string& entity, int64_t entityId,
+                                         const std::string& field,
+                                         std::optional<std::string> oldValue) const;
   void keepSlotFree(nlohmann::json& cue, int64_t id) const;
   bool wouldLoop(int64_t node, const std::optional<std::string>& parent) const;
   std::optional<std::string> primaryKey(const std::string& table) const;

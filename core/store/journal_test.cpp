@@ -11,6 +11,10 @@ namespace {
 
 using testing::StoreTest;
 
+int applied(const Result<Journal::Applied>& r) {
+  return r ? r->applied : -1;
+}
+
 TEST(JournalOpId, SlugIsLowerCaseDashedAndShort) {
   EXPECT_EQ(Journal::makeOpId("Rename Crate", 1763146000, 2891334017u),
             "1763146000-2891334017-rename-crate");
@@ -50,14 +54,14 @@ TEST_F(JournalTest, SoftRemovalUndoesRedoesOnceAndSurvivesARestart) {
   EXPECT_TRUE(reopen().tracks().loadAllTracks().empty());
 
   EXPECT_EQ(journal().lastUndoable()->id, *opId);
-  EXPECT_EQ(journal().undo(*opId).value_or(-1), 2);
-  EXPECT_EQ(journal().undo(*opId).value_or(-1), 0);  // nothing left to undo
+  EXPECT_EQ(applied(journal().undo(*opId)), 2);
+  EXPECT_EQ(applied(journal().undo(*opId)), 0);  // nothing left to undo
   EXPECT_EQ(reopen().tracks().loadAllTracks().size(), 2u);
   EXPECT_EQ(field(a, "removed"), "");
   EXPECT_TRUE(journal().operations(1)[0].undone);
   EXPECT_EQ(journal().lastRedoable()->id, *opId);
 
-  EXPECT_EQ(journal().redo(*opId).value_or(-1), 2);
+  EXPECT_EQ(applied(journal().redo(*opId)), 2);
   EXPECT_TRUE(db().tracks().loadAllTracks().empty());
   EXPECT_EQ(journal().lastRedoable(), std::nullopt);
 }
@@ -77,9 +81,52 @@ TEST_F(JournalTest, RedoFollowsTheUndoStackAndANewEditClosesIt) {
   EXPECT_EQ(journal().lastRedoable()->id, *second);
   ASSERT_TRUE(db().tracks().setField("genre", "Disco", std::vector<int64_t>{a}, "Edit Genre"));
   EXPECT_EQ(journal().lastRedoable(), std::nullopt);
-  // Any operation may still be redone by id.
-  EXPECT_EQ(journal().redo(*second).value_or(-1), 1);
-  EXPECT_EQ(field(a, "genre"), "Techno");
+  // Any operation may still be redone by id, but not over the newer edit.
+  const auto redone = journal().redo(*second);
+  ASSERT_TRUE(redone);
+  EXPECT_EQ(redone->kept, 1);
+  EXPECT_EQ(field(a, "genre"), "Disco");
+}
+
+TEST_F(JournalTest, UndoingAnOlderEditKeepsWhatANewerOneWrote) {
+  const int64_t a = add("/m/a.mp3");
+  const std::vector<int64_t> ids{a};
+  ASSERT_TRUE(db().tracks().writeField("genre", "Original", ids));
+  const auto first = db().tracks().setField("genre", "A", ids, "Edit Genre");
+  const auto second = db().tracks().setField("genre", "B", ids, "Edit Genre");
+  ASSERT_TRUE(first && second);
+
+  auto done = journal().undo(*first);
+  ASSERT_TRUE(done);
+  EXPECT_EQ(done->applied, 0);
+  EXPECT_EQ(done->kept, 1);
+  EXPECT_EQ(field(a, "genre"), "B");
+  // With the first undone too, the value goes back past both of them.
+  EXPECT_EQ(applied(journal().undo(*second)), 1);
+  EXPECT_EQ(field(a, "genre"), "Original");
+  EXPECT_EQ(applied(journal().redo(*first)), 1);
+  EXPECT_EQ(field(a, "genre"), "A");
+  EXPECT_EQ(applied(journal().redo(*second)), 1);
+  EXPECT_EQ(field(a, "genre"), "B");
+
+  // A value written outside the history in between (an analysis filling an
+  // empty tempo) is what an undo goes back to.
+  const auto bpm = db().tracks().setField("bpm", "120", ids, "Edit BPM");
+  ASSERT_TRUE(bpm && journal().undo(*bpm));
+  ASSERT_TRUE(db().tracks().writeField("bpm", "125", ids));
+  const auto later = db().tracks().setField("bpm", "128", ids, "Edit BPM");
+  ASSERT_TRUE(later && journal().undo(*later));
+  EXPECT_EQ(field(a, "bpm"), "125.0");
+
+  // Whole rows: a cue moved after it was made is not unmade by undoing the
+  // making; a playlist's members likewise.
+  const auto cue = db().cues().addManualCue(a, 1000);
+  ASSERT_TRUE(cue);
+  ASSERT_TRUE(db().cues().moveCue(cue->cueId, 2000));
+  done = journal().undo(cue->opId);
+  ASSERT_TRUE(done);
+  EXPECT_EQ(done->kept, 1);
+  EXPECT_EQ(db().scalarInt("SELECT position_ms FROM cues"), 2000);
 }
 
 TEST_F(JournalTest, WholeRowsAndMemberListsComeBack) {
@@ -98,14 +145,14 @@ TEST_F(JournalTest, WholeRowsAndMemberListsComeBack) {
   db().execChecked(
       "DELETE FROM playlist_tracks WHERE playlist_id = 40; DELETE FROM playlists WHERE id = 40");
   ASSERT_TRUE(j.seal(del).isOk());
-  EXPECT_EQ(reopen().journal().undo(del).value_or(-1), 2);
+  EXPECT_EQ(applied(reopen().journal().undo(del)), 2);
   EXPECT_EQ(
       db().scalarInt(
           "SELECT COUNT(*) FROM playlists WHERE id = 40 AND name = 'Warm-up' AND color = '#fff'"),
       1);
   EXPECT_EQ(db().journal().membersJSON(40),
             "[" + std::to_string(t2) + "," + std::to_string(t1) + "]");
-  EXPECT_EQ(db().journal().redo(del).value_or(-1), 2);
+  EXPECT_EQ(applied(db().journal().redo(del)), 2);
   EXPECT_EQ(db().count("playlists"), 0);
   EXPECT_EQ(db().count("playlist_tracks"), 0);
 
@@ -113,9 +160,9 @@ TEST_F(JournalTest, WholeRowsAndMemberListsComeBack) {
   db().execChecked("INSERT INTO playlists(id, name) VALUES(41, 'Peak')");
   const std::string make = db().journal().begin("New Crate");
   ASSERT_TRUE(db().journal().recordCreated(make, "New Crate", "playlists", 41).isOk());
-  EXPECT_EQ(db().journal().undo(make).value_or(-1), 1);
+  EXPECT_EQ(applied(db().journal().undo(make)), 1);
   EXPECT_EQ(db().count("playlists"), 0);
-  EXPECT_EQ(db().journal().redo(make).value_or(-1), 1);
+  EXPECT_EQ(applied(db().journal().redo(make)), 1);
   EXPECT_EQ(db().scalarInt("SELECT COUNT(*) FROM playlists WHERE id = 41 AND name = 'Peak'"), 1);
 }
 
@@ -127,7 +174,7 @@ TEST_F(JournalTest, EntriesOutsideTheWritableTableAreNeverApplied) {
   ASSERT_TRUE(j.record("1-1-x", "X", "sqlite_master", a, "@row", "{}", std::nullopt).isOk());
   ASSERT_TRUE(j.record("1-1-x", "X", "tracks", a, "catalog_no", "A-1", "A-2").isOk());  // no column
   ASSERT_TRUE(j.record("1-1-x", "X", "tracks", a, "rating", "40", "60").isOk());
-  EXPECT_EQ(j.undo("1-1-x").value_or(-1), 1);
+  EXPECT_EQ(applied(j.undo("1-1-x")), 1);
   EXPECT_EQ(field(a, "rating"), "40");
   EXPECT_EQ(field(a, "path_norm"), "/m/a.mp3");
   EXPECT_TRUE(j.operations(1)[0].undone);

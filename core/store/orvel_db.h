@@ -45,7 +45,7 @@ struct IdsOrError {
 class OrvelDB {
  public:
   // The schema version an up-to-date catalogue has in `PRAGMA user_version`.
-  static constexpr int64_t kSchemaVersion = 2;
+  static constexpr int64_t kSchemaVersion = 3;
 
   // Opens the catalogue; read-write creates it when missing and upgrades an
   // older one. Read-only refuses a catalogue that needs an upgrade. Throws
@@ -115,6 +115,7 @@ class OrvelDB {
   void migrate();
   Status upgradeToVersion1();
   Status upgradeToVersion2();
+  Status upgradeToVersion3();
   void retryPathIndex();
 
   std::string path_;

@@ -235,6 +235,11 @@ CREATE TABLE IF NOT EXISTS defect_scans(track_id INTEGER PRIMARY KEY, scanned_at
   found INTEGER NOT NULL);
 )SQL";
 
+// Undo looks up, for each value it puts back, whether a later operation
+// changed the same field of the same row, and what an earlier one left there.
+constexpr const char* kVersion3Script =
+    "CREATE INDEX IF NOT EXISTS idx_history_entity ON history(entity, entity_id, field)";
+
 }  // namespace
 
 void OrvelDB::migrate() {
@@ -249,7 +254,8 @@ void OrvelDB::migrate() {
   // toggles pragmas that do nothing inside a transaction, so it runs first.
   if (userVersion() < 1 && hasTable("tracks")) dropPathUniqueConstraint();
   for (const auto& [version, step] :
-       {std::pair{1, &OrvelDB::upgradeToVersion1}, std::pair{2, &OrvelDB::upgradeToVersion2}}) {
+       {std::pair{1, &OrvelDB::upgradeToVersion1}, std::pair{2, &OrvelDB::upgradeToVersion2},
+        std::pair{3, &OrvelDB::upgradeToVersion3}}) {
     if (userVersion() >= version) continue;
     Transaction tx(conn_);
     if (!tx) throw StoreError("cannot upgrade the catalogue: " + tx.status().message());
@@ -280,6 +286,10 @@ Status OrvelDB::upgradeToVersion1() {
 
 Status OrvelDB::upgradeToVersion2() {
   return conn_.exec(kVersion2Script);
+}
+
+Status OrvelDB::upgradeToVersion3() {
+  return conn_.exec(kVersion3Script);
 }
 
 void OrvelDB::retryPathIndex() {

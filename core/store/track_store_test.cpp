@@ -82,7 +82,7 @@ TEST_F(TracksTest, SetFieldIsJournaledAndUnknownColumnsChangeNothing) {
   EXPECT_FALSE(db().tracks().writeField("id = 0; --", "1", std::vector<int64_t>{a}).isOk());
   EXPECT_EQ(field(a, "genre"), "Deep House");
 
-  EXPECT_EQ(db().journal().undo(*op).value_or(-1), 2);
+  EXPECT_EQ(db().journal().undo(*op).value_or({-1, 0}).applied, 2);
   EXPECT_EQ(field(b, "genre"), "");
 }
 

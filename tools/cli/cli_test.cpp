@@ -76,6 +76,16 @@ TEST_F(CliTest, EveryEditIsListedAndCanBeUndoneAndRedoneById) {
   EXPECT_THAT(orvel({"undo"}).out, HasSubstr("\"Remove from Library\""));
 }
 
+TEST_F(CliTest, UndoingAnOlderEditKeepsTheNewerValueAndSaysSo) {
+  const std::string id = std::to_string(b_);
+  const std::string first = opOf(orvel({"set", "genre", "A", id}));
+  ASSERT_EQ(orvel({"set", "genre", "B", id}).code, 0);
+  const Result undone = orvel({"undo", first});
+  EXPECT_EQ(undone.code, 0) << undone.err;
+  EXPECT_THAT(undone.out, HasSubstr("kept 1 newer value"));
+  EXPECT_EQ(track(b_)["genre"], "B");
+}
+
 // Another program holding the catalogue past the busy timeout: the undo is
 // not claimed, the one line says why, and it still can be undone later.
 TEST_F(CliTest, AnUndoThatCannotBeCommittedIsAFailureWithItsReason) {

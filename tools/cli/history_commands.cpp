@@ -33,15 +33,20 @@ Journal::Operation pick(Context& ctx, const std::string& opId, bool undoing) {
 void undoOrRedo(Context& ctx, const std::string& opId, bool undoing) {
   const Journal::Operation op = pick(ctx, opId, undoing);
   Journal& j = ctx.db().journal();
-  const Result<int> applied = undoing ? j.undo(op.id) : j.redo(op.id);
-  if (!applied)
+  const auto done = undoing ? j.undo(op.id) : j.redo(op.id);
+  if (!done)
     failed(fmt::format("{} \"{}\" ({})", undoing ? "undoing" : "redoing", op.opName, op.id),
-           applied.status());
-  if (*applied == 0 && (undoing ? op.undone : !op.undone))
+           done.status());
+  if (done->applied == 0 && done->kept == 0 && (undoing ? op.undone : !op.undone))
     throw CliError(kFailed, fmt::format("\"{}\" ({}) is already {}", op.opName, op.id,
                                         undoing ? "undone" : "in force"));
-  ctx.out << fmt::format("{} \"{}\" ({}, {})\n", undoing ? "Undid" : "Redid", op.opName,
-                         countOf(static_cast<size_t>(*applied), "change"), op.id);
+  // A value a later edit changed since stays as that edit left it; say so,
+  // or the user would take the old value to be back.
+  const std::string kept = done->kept == 0 ? ""
+                                           : fmt::format(", kept {} newer {}", done->kept,
+                                                         done->kept == 1 ? "value" : "values");
+  ctx.out << fmt::format("{} \"{}\" ({}{}, {})\n", undoing ? "Undid" : "Redid", op.opName,
+                         countOf(static_cast<size_t>(done->applied), "change"), kept, op.id);
 }
 
 }  // namespace
