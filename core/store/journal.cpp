@@ -521,7 +521,9 @@ const std::vector<std::string>& Journal::writable(std::string_view entity) {
       "disc_count", "album_rating", "compilation", "work", "movement_name", "movement_number",
       "sort_title", "sort_artist", "sort_album", "sort_album_artist", "sort_composer", "isrc",
       "serato_label", "studio_status", "studio_note", "equalizer", "description", "category",
-      "release_date", "lyrics"};
+      "release_date", "lyrics",
+      // the file facts a relink moves from the row its file was found under
+      "filename", "filesize_bytes", "file_type", "bitrate_kbps", "samplerate_hz", "date_created"};
   static const std::vector<std::string> kPlaylists = {"name", "parent_id", "color", "sort_order",
                                                       "kind"};
   static const std::vector<std::string> kCues = {"position_ms", "length_ms", "color", "name",

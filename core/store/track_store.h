@@ -42,14 +42,16 @@ struct NewTrack {
 enum class ImportOutcome { inserted, reinstated, reused };
 
 struct RelinkStats {
-  int64_t dead = 0;        // rows whose file is gone
-  int64_t relinked = 0;    // exactly one live row with the same file name exists
+  int64_t dead = 0;        // live rows whose file is gone
+  int64_t relinked = 0;    // exactly one present row holds the same audio
   int64_t ambiguous = 0;   // several candidates: left alone
   int64_t unmatched = 0;   // no candidate
-  int64_t linksMoved = 0;  // playlist links moved to the surviving rows
+  int64_t linksMoved = 0;  // playlist places the relinked rows took over
   int64_t offline = 0;     // on a drive that is not mounted: left alone, not counted dead
-  // Applying: the snapshot taken first. Without one nothing was applied.
+  // Applying with something to relink: the snapshot taken first (without
+  // one nothing was applied), and the operation that undoes it all.
   std::optional<std::string> snapshot;
+  std::optional<std::string> opId;
   // Applying: why nothing (or not everything) was written; ok for a dry run.
   Status status;
 };
@@ -118,9 +120,19 @@ class TrackStore : public StoreArea {
   // Moves the loser's playlist links to the keeper and marks it merged;
   // returns the number of links moved.
   Result<int64_t> mergeTrack(int64_t loser, int64_t keeper);
+  // Finds live rows whose file is gone and, for each, the one present row
+  // that holds the same audio (same fingerprint, else same duration and
+  // size; never the file name alone). Applying, the old row takes the new
+  // file's place and keeps everything the user made (rating, marks,
+  // comments, cues, grids, plays, playlist places); the duplicate row made
+  // when the moved file was imported is retired into it. One journaled,
+  // undoable operation; dead rows without a single match are marked missing.
   RelinkStats relink(bool apply);
 
  private:
+  // One relink inside the caller's transaction and operation.
+  Status relinkOne(const std::string& opId, const std::string& opName, int64_t keeper,
+                   int64_t found, int64_t& linksMoved);
   // The tag fields of a row insertImported has just created.
   Status writeImportedTags(int64_t id, const NewTrack& track);
 };

@@ -24,6 +24,20 @@ class LibraryCliTest : public CliTest {
            orvel({"cue", "ls", std::to_string(a_), "--json"}).out;
   }
   std::string id(int64_t v) { return std::to_string(v); }
+  // The track's file moved to moved/NAME and was imported there as a new row.
+  void moved(int64_t track, const std::string& name, int64_t bytes) {
+    const auto file = dir_ / "moved" / name;
+    std::filesystem::create_directories(file.parent_path());
+    std::ofstream(file) << std::string(static_cast<size_t>(bytes), 'x');
+    db().execChecked(fmt::format(
+        "UPDATE tracks SET duration_ms = 200000, filesize_bytes = {} WHERE id = {}", bytes, track));
+    NewTrack t;
+    t.path = file.string();
+    t.durationMs = 200'000;
+    t.filesizeBytes = bytes;
+    ASSERT_TRUE(db().tracks().insertImported(t, *db().tracks().orvelSourceId()));
+    db_.reset();
+  }
 };
 
 TEST_F(LibraryCliTest, PlaylistsFromCreationToUndoneDeletion) {
@@ -162,15 +176,22 @@ TEST_F(LibraryCliTest, SnapshotsOnRequestAndBeforeRelinking) {
   ASSERT_EQ(list.size(), 1u);
   EXPECT_EQ(list[0]["reason"], "before the gig");
 
-  // The fixture's files do not exist: applying a relink snapshots first.
+  // Relinking snapshots first, but only when something will move.
+  ASSERT_EQ(orvel({"relink", "--apply"}).code, 0);
+  EXPECT_EQ(orvelJson({"snapshots"}).size(), 1u);
+  moved(a_, "Never Grow Old.mp3", 4000);
   const Result relink = orvel({"relink", "--apply"});
   ASSERT_EQ(relink.code, 0) << relink.err;
   EXPECT_THAT(relink.err, HasSubstr("--before relink.db"));
+  EXPECT_THAT(relink.out, HasSubstr("1 relinked"));
+  EXPECT_THAT(relink.out, HasSubstr("orvel undo "));
   list = orvelJson({"snapshots"});
   ASSERT_EQ(list.size(), 2u);
   EXPECT_EQ(list[0]["reason"], "before relink");
+  EXPECT_EQ(track(a_)["path"], (dir_ / "moved/Never Grow Old.mp3").string());
 
   // A catalogue whose snapshot folder cannot exist is not relinked.
+  moved(b_, "Shades of Jae.flac", 5000);
   std::filesystem::remove_all(dir_ / "Snapshots");
   std::ofstream(dir_ / "Snapshots") << "in the way";
   const json before = orvelJson({"info"});

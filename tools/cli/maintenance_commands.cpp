@@ -145,21 +145,23 @@ void addMaintenanceCommands(CLI::App& app, Context& ctx) {
   auto apply = std::make_shared<bool>(false);
   auto asJson = std::make_shared<bool>(false);
   CLI::App* relink = app.add_subcommand(
-      "relink", "Find tracks whose files moved and relink them (a dry run unless --apply)");
+      "relink",
+      "Find tracks whose files moved (by their audio, never the file name alone) and relink them "
+      "(a dry run unless --apply)");
   relink->add_flag("--apply", *apply,
-                   "Merge each moved track into its new row; mark the rest missing");
+                   "Move each track to its file's new place, keeping everything about it; mark "
+                   "the rest missing");
   relink->add_flag("--json", *asJson, "One JSON object on stdout");
   relink->callback([&ctx, apply, asJson] {
     OrvelDB& db = ctx.db();
     const RelinkStats s = db.tracks().relink(*apply);
-    // Merges cannot be undone from the history; the store will not apply
-    // them without a snapshot to go back to.
+    // A relink is not applied without a snapshot to go back to as well.
     if (!s.status && !s.snapshot)
       throw CliError(kFailed, "could not take a snapshot first (" + s.status.message() +
                                   "); nothing was changed");
     if (s.snapshot) ctx.err << "snapshot to go back to: " << *s.snapshot << '\n';
     // The counts would claim what was not written.
-    if (!s.status) throw CliError(kFailed, "relinking failed: " + s.status.message());
+    if (!s.status) failed("relinking", s.status);
     if (*asJson) {
       ctx.out << jsonText(json{{"applied", *apply},
                                {"dead", s.dead},
@@ -168,16 +170,19 @@ void addMaintenanceCommands(CLI::App& app, Context& ctx) {
                                {"unmatched", s.unmatched},
                                {"linksMoved", s.linksMoved},
                                {"offline", s.offline},
-                               {"snapshot", s.snapshot ? json(*s.snapshot) : json(nullptr)}},
+                               {"snapshot", s.snapshot ? json(*s.snapshot) : json(nullptr)},
+                               {"opId", s.opId ? json(*s.opId) : json(nullptr)}},
                           2)
               << '\n';
       return;
     }
     ctx.out << fmt::format(
-        "{} files not found: {} {}, {} with several candidates, {} with none{}\n", s.dead,
-        s.relinked, *apply ? "relinked" : "can be relinked", s.ambiguous, s.unmatched,
-        *apply ? fmt::format(" (marked missing); {} playlist links moved", s.linksMoved)
+        "{} files not found: {} {} (the same audio found elsewhere), {} with several "
+        "candidates, {} with none{}\n",
+        s.dead, s.relinked, *apply ? "relinked" : "can be relinked", s.ambiguous, s.unmatched,
+        *apply ? fmt::format(" (marked missing); {} playlist places taken over", s.linksMoved)
                : " — run with --apply to relink");
+    if (s.opId) ctx.out << fmt::format("(undo with: orvel undo {})\n", *s.opId);
     if (s.offline > 0)
       ctx.out << fmt::format("{} on drives that are not connected were left alone\n",
                              countOf(static_cast<size_t>(s.offline), "track"));
