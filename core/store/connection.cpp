@@ -97,7 +97,8 @@ Statement Connection::prepare(std::string_view sql) const {
   assertOwner();
   sqlite3_stmt* stmt = nullptr;
   const std::string text(sql);
-  if (sqlite3_prepare_v2(db_, text.c_str(), -1, &stmt, nullptr) != SQLITE_OK) {
+  if (const int rc = sqlite3_prepare_v2(db_, text.c_str(), -1, &stmt, nullptr); rc != SQLITE_OK) {
+    statementFailed(rc);
     std::fprintf(stderr, "SQL WOULD NOT COMPILE: %s — %s\n", sqlite3_errmsg(db_),
                  oneLine(sql).c_str());
     sqlite3_finalize(stmt);
@@ -118,6 +119,7 @@ Status Connection::exec(const std::string& sql) const {
   const int rc = sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &err);
   statementFinished();
   if (rc == SQLITE_OK) return Status::ok();
+  statementFailed(rc);
   std::string message = err != nullptr ? std::string(err) : "sqlite error " + std::to_string(rc);
   sqlite3_free(err);
   return Status::sqlite(rc, std::move(message));
@@ -159,6 +161,12 @@ void Connection::unsubscribe(int token) const {
 void Connection::statementFinished() const {
   // A write outside any transaction committed on its own: publish it now.
   if (depth_ == 0 && !log_.empty() && sqlite3_get_autocommit(db_) != 0) publish();
+}
+
+void Connection::statementFailed(int rc) const {
+  const int primary = rc & 0xff;
+  if (damage_.isOk() && (primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB))
+    damage_ = Status::sqlite(rc, sqlite3_errmsg(db_));
 }
 
 void Connection::publish() const {

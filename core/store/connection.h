@@ -99,6 +99,13 @@ class Connection {
 
   // Called by a Statement of this connection when a step finished.
   void statementFinished() const;
+  // Called with SQLite's result code when a statement failed.
+  void statementFailed(int rc) const;
+
+  // The first sign of a damaged file this connection met (SQLite answered
+  // CORRUPT or NOTADB somewhere), or ok. Reads answer such a fault with an
+  // empty or short result, so whatever shows a listing checks this first.
+  const Status& damage() const { return damage_; }
 
  private:
   friend class Transaction;
@@ -117,6 +124,7 @@ class Connection {
   mutable int64_t dataVersion_ = 0;
   mutable int nextToken_ = 1;
   mutable std::vector<std::pair<int, ChangeListener>> listeners_;
+  mutable Status damage_;
 };
 
 // A transaction that rolls back unless committed. The outermost one takes

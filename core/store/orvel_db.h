@@ -48,7 +48,8 @@ class OrvelDB {
   static constexpr int64_t kSchemaVersion = 3;
 
   // Opens the catalogue; read-write creates it when missing and upgrades an
-  // older one. Read-only refuses a catalogue that needs an upgrade. Throws
+  // older one. Read-only refuses a catalogue that needs an upgrade. Another
+  // program's SQLite database is refused and left untouched. Throws
   // StoreError.
   explicit OrvelDB(const std::string& path, OpenMode mode = OpenMode::readWrite);
   OrvelDB(const OrvelDB&) = delete;
@@ -103,6 +104,9 @@ class OrvelDB {
   int64_t userVersion() const;
   bool hasIndex(std::string_view name) const;
   bool hasTable(std::string_view name) const;
+  // Whether the file holds a catalogue (a tracks table with a path column)
+  // or nothing at all yet.
+  bool isCatalogueOrEmpty() const;
   // The rebuild that drops the old UNIQUE on `path` (logs what it did).
   void dropPathUniqueConstraint();
   std::pair<int64_t, int64_t> repairPathNorm();  // (rewritten, collided)

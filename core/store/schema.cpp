@@ -243,6 +243,13 @@ constexpr const char* kVersion3Script =
 }  // namespace
 
 void OrvelDB::migrate() {
+  // Another program's database given by mistake (orvel --db photos.db) must
+  // not be converted into a catalogue: tables added, its own altered, its
+  // journal mode changed. An empty file is a new catalogue.
+  if (!isCatalogueOrEmpty())
+    throw StoreError(
+        "this is not an Orvel catalogue (it has no tracks table with a path column); it was "
+        "left as it was");
   if (userVersion() >= kSchemaVersion) {
     retryPathIndex();
     return;
@@ -302,6 +309,12 @@ void OrvelDB::retryPathIndex() {
   if (!tx) return;
   conn_.execIgnoring(kUpgradeSteps[std::size(kUpgradeSteps) - 1]);
   (void)tx.commit();
+}
+
+bool OrvelDB::isCatalogueOrEmpty() const {
+  if (conn_.scalarInt("SELECT COUNT(*) FROM sqlite_master").value_or(0) == 0) return true;
+  return conn_.scalarInt("SELECT COUNT(*) FROM pragma_table_info('tracks') WHERE name = 'path'")
+             .value_or(0) == 1;
 }
 
 bool OrvelDB::hasTable(std::string_view name) const {

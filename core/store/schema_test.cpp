@@ -7,6 +7,7 @@
 #include <iterator>
 #include <set>
 
+#include "core/testing/damage.h"
 #include "core/testing/store_fixture.h"
 
 namespace orvel {
@@ -224,6 +225,50 @@ TEST_F(SchemaTest, RemovedAndMergedRowsMayShareAKeyWithALiveRow) {
   ASSERT_TRUE(db().tracks().mergeTrack(b, a));
   EXPECT_EQ(db().execChecked("INSERT INTO tracks(path) VALUES('/m/x.MP3')"), std::nullopt);
   EXPECT_TRUE(reopen().hasIndex("idx_tracks_path_norm_unique"));
+}
+
+}  // namespace
+}  // namespace orvel
+
+namespace orvel {
+namespace {
+
+void makeForeign(const std::string& path, const char* sql) {
+  sqlite3* raw = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &raw), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(raw, sql, nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_close(raw);
+}
+
+TEST_F(SchemaTest, AnotherProgramsDatabaseIsRefusedAndLeftAsItWas) {
+  const std::string photos = (dir_ / "photos.db").string();
+  makeForeign(photos, "CREATE TABLE photos(id INTEGER PRIMARY KEY, file TEXT)");
+  // A music player's own "tracks" table, without our path column.
+  const std::string player = (dir_ / "player.db").string();
+  makeForeign(player,
+              "CREATE TABLE tracks(id INTEGER PRIMARY KEY, name TEXT); PRAGMA user_version = 7");
+  for (const std::string& file : {photos, player}) {
+    const std::string bytes = fileBytes(file);
+    EXPECT_THROW(OrvelDB{file}, StoreError) << file;
+    EXPECT_TRUE(fileBytes(file) == bytes) << file;
+    EXPECT_FALSE(std::filesystem::exists(file + "-wal")) << file;
+  }
+  // An empty file is a catalogue yet to be made.
+  const std::string empty = (dir_ / "empty.db").string();
+  std::ofstream{empty};
+  EXPECT_NO_THROW(OrvelDB{empty});
+}
+
+TEST_F(SchemaTest, ADamagedTablePageIsNoticedNotTakenForFewerRows) {
+  for (int i = 0; i < 400; ++i)
+    add(fmt::format("/music/{:03} {}.mp3", i, std::string(120, 'x')), "t", 1000 + i);
+  db_.reset();
+  ASSERT_TRUE(testing::damageLastPageOf(dbPath(), "tracks"));
+  OrvelDB& damaged = db();
+  EXPECT_TRUE(damaged.connection().damage().isOk());
+  const auto rows = damaged.tracks().loadAllTracks();
+  EXPECT_LT(rows.size(), 400u);
+  EXPECT_EQ(damaged.connection().damage().code(), Status::Code::corrupt);
 }
 
 }  // namespace

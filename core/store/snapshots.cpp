@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdio>
 
+#include "core/platform/partial_file.h"
 #include "core/store/locations.h"
 #include "core/store/log.h"
 
@@ -14,7 +15,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::string_view kExtension = ".db";
-constexpr std::string_view kPartial = ".partial";
 // Keeps the whole name well inside the 255 bytes every file system allows.
 constexpr size_t kMaxReasonBytes = 80;
 
@@ -144,20 +144,6 @@ std::vector<Snapshots::Snap> Snapshots::list() const {
   return snaps;
 }
 
-void Snapshots::removeStalePartials() const {
-  // A copy cut short by a crash; one younger than an hour may still be
-  // being written by another Orvel on the same catalogue.
-  const auto cutoff = fs::file_time_type::clock::now() - std::chrono::hours(1);
-  std::error_code ec;
-  for (fs::directory_iterator it(dir_, ec), end; !ec && it != end; it.increment(ec)) {
-    const std::string name = it->path().filename().string();
-    std::error_code statError;
-    if (name.starts_with(prefix_) && name.ends_with(kPartial) &&
-        fs::last_write_time(it->path(), statError) < cutoff && !statError)
-      fs::remove(it->path(), statError);
-  }
-}
-
 std::optional<fs::path> Snapshots::take(std::string_view reason, int64_t minInterval) {
   lastError_.clear();
   const int64_t now = unixNow();
@@ -173,7 +159,7 @@ std::optional<fs::path> Snapshots::take(std::string_view reason, int64_t minInte
     note("Snapshot FAILED: " + lastError_);
     return std::nullopt;
   }
-  removeStalePartials();
+  removeAbandonedPartials(dir_, prefix_);
   // Snapshots of the same second are told apart by a sequence number.
   int sequence = 1;
   const std::string stamp = fileName("", now, 1).substr(0, prefix_.size() + 15);
@@ -184,8 +170,7 @@ std::optional<fs::path> Snapshots::take(std::string_view reason, int64_t minInte
   do {
     target = dir_ / fileName(reason, now, sequence++);
   } while (fs::exists(target, ec));
-  fs::path partial = target;
-  partial += kPartial;
+  const fs::path partial = partialName(target);
   fs::remove(partial, ec);
 
   if (auto error = conn_.execChecked("VACUUM INTO '" + quoteForSql(partial.string()) + "'")) {

@@ -8,8 +8,9 @@
 // reason reads back from the name; N tells apart snapshots of one second.
 // Age and order come from the file's modification time, not the local-time
 // name, so a trip across time zones cannot make old copies look new.
-// A copy is written under a ".partial" name and renamed when complete, so a
-// crash or a full disk never leaves a half copy in the list.
+// A copy is written under a ".partial-PID" name and renamed when complete,
+// so a crash or a full disk never leaves a half copy in the list; what a
+// killed run left (with SQLite's journal of it) goes at the next snapshot.
 //
 // Shares the store's connection and adds no lock. VACUUM INTO cannot run
 // inside a transaction: take a snapshot before opening one.
@@ -64,8 +65,6 @@ class Snapshots {
   std::optional<Snap> parse(const std::filesystem::path& file) const;
 
  private:
-  void removeStalePartials() const;
-
   const Connection& conn_;
   std::filesystem::path dir_;
   std::string prefix_;

@@ -77,7 +77,10 @@ bool Statement::step() {
 int Statement::stepCode() {
   if (stmt_ == nullptr) return SQLITE_MISUSE;
   const int rc = sqlite3_step(stmt_);
-  if (rc != SQLITE_ROW && conn_ != nullptr) conn_->statementFinished();
+  if (rc != SQLITE_ROW && conn_ != nullptr) {
+    conn_->statementFinished();
+    if (rc != SQLITE_DONE) conn_->statementFailed(rc);
+  }
   return rc;
 }
 
