@@ -1,6 +1,7 @@
 #include "app/app_paths.h"
 
 #include <fmt/format.h>
+#include <sqlite3.h>
 #include <unistd.h>
 
 #include <QProcess>
@@ -10,13 +11,16 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <exception>
+#include <fstream>
 #include <utility>
 
 #include "app/klog.h"
 #include "app/settings.h"
 #include "core/platform/os.h"
+#include "core/platform/partial_file.h"
 #include "core/store/locations.h"
 #include "core/store/orvel_db.h"
 
@@ -91,18 +95,87 @@ std::pair<std::string, long> backupOrder(const fs::path& file) {
   return {stem, 1};
 }
 
-void pruneBackups(const fs::path& dir, int keep) {
+uint32_t be32(const unsigned char* p) {
+  return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | uint32_t{p[3]};
+}
+
+// Whether a backup file is a whole database: SQLite's header, as many pages
+// as the header says, and no journal beside it. A copy cut short by a crash
+// under an older naming scheme was full-size with a hot journal, and opened
+// empty once the journal rolled it back.
+bool isCompleteCopy(const fs::path& file) {
+  std::error_code ec;
+  if (fs::exists(fs::path(file.string() + "-journal"), ec)) return false;
+  const auto size = fs::file_size(file, ec);
+  if (ec || size < 512) return false;
+  unsigned char header[100] = {};
+  std::ifstream in(file, std::ios::binary);
+  if (!in.read(reinterpret_cast<char*>(header), sizeof header)) return false;
+  if (std::memcmp(header, "SQLite format 3", 16) != 0) return false;
+  const uint32_t pageSize =
+      header[16] == 0 && header[17] == 1 ? 65536 : (header[16] << 8 | header[17]);
+  if (pageSize < 512) return false;
+  const uint32_t pages = be32(header + 28);
+  // The page count is only valid when the file was last written by a
+  // version that keeps it (the two counters agree).
+  if (pages > 0 && be32(header + 24) == be32(header + 92))
+    return size == static_cast<uint64_t>(pages) * pageSize;
+  return size % pageSize == 0;
+}
+
+// The complete backups in `dir`, oldest first; incomplete ones left by a
+// crash are removed (with their journals) and never counted.
+std::vector<fs::path> completeBackups(const fs::path& dir) {
   std::vector<fs::path> files;
   std::error_code ec;
   for (const auto& entry : fs::directory_iterator(dir, ec)) {
     const std::string name = entry.path().filename().string();
-    if (name.starts_with("orvel-") && entry.is_regular_file(ec)) files.push_back(entry.path());
+    if (!name.starts_with("orvel-") || !name.ends_with(".db") || !entry.is_regular_file(ec))
+      continue;
+    if (isCompleteCopy(entry.path())) {
+      files.push_back(entry.path());
+    } else {
+      std::error_code removeError;
+      fs::remove(entry.path(), removeError);
+      fs::remove(fs::path(entry.path().string() + "-journal"), removeError);
+    }
   }
-  if (files.size() <= static_cast<size_t>(keep)) return;
   std::sort(files.begin(), files.end(),
             [](const fs::path& a, const fs::path& b) { return backupOrder(a) < backupOrder(b); });
+  return files;
+}
+
+void pruneBackups(const fs::path& dir, int keep) {
+  const auto files = completeBackups(dir);
+  if (files.size() <= static_cast<size_t>(keep)) return;
+  std::error_code ec;
   const size_t excess = files.size() - static_cast<size_t>(keep);
   for (size_t i = 0; i < excess; ++i) fs::remove(files[i], ec);
+}
+
+// "ok", or the first problem SQLite's quick_check finds in the copy.
+std::string quickCheck(const fs::path& file) {
+  sqlite3* db = nullptr;
+  std::string verdict = "cannot open the copy";
+  if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+    sqlite3_stmt* st = nullptr;
+    if (sqlite3_prepare_v2(db, "PRAGMA quick_check(1)", -1, &st, nullptr) == SQLITE_OK) {
+      const int rc = sqlite3_step(st);
+      verdict = rc == SQLITE_ROW ? reinterpret_cast<const char*>(sqlite3_column_text(st, 0))
+                                 : sqlite3_errmsg(db);
+    } else {
+      verdict = sqlite3_errmsg(db);
+    }
+    sqlite3_finalize(st);
+  }
+  sqlite3_close(db);
+  return verdict;
+}
+
+bool isUsualCatalogue(const fs::path& db) {
+  std::error_code ec;
+  return fs::weakly_canonical(db, ec) ==
+         fs::weakly_canonical(locations::supportDir() / "orvel.db", ec);
 }
 
 }  // namespace
@@ -224,56 +297,94 @@ bool AppPaths::pythonWorks() {
   return works;
 }
 
-bool AppPaths::backupDatabase(int keep, Settings& settings) {
+Result<std::optional<fs::path>> AppPaths::backupDatabase(int keep, Settings& settings) {
   return backupDatabase(database(), keep, settings);
 }
 
-bool AppPaths::backupDatabase(const fs::path& db, int keep, Settings& settings) {
+Result<std::optional<fs::path>> AppPaths::backupDatabase(const fs::path& db, int keep,
+                                                         Settings& settings) {
   const double now = secondsSinceEpoch();
-  const double last = settings.lastLibraryBackup();
+  // The usual catalogue keeps the time in the preferences; another one
+  // (orvel --db) goes by its own newest backup, so neither holds the other's
+  // backups off.
+  const bool usual = isUsualCatalogue(db);
+  double last = 0;
+  if (usual) {
+    last = settings.lastLibraryBackup();
+  } else {
+    const auto files = completeBackups(db.parent_path() / "Backups");
+    std::error_code ec;
+    if (!files.empty()) {
+      const auto when = fs::last_write_time(files.back(), ec);
+      if (!ec)
+        last =
+            std::chrono::duration<double>(std::chrono::file_clock::to_sys(when).time_since_epoch())
+                .count();
+    }
+  }
   // A stamp from the future (a clock set wrong once) would otherwise stop
   // backups until the clock caught up with it.
-  if (last <= now && now - last <= kBackupInterval) return false;
-  settings.setLastLibraryBackup(now);
-  return backupDatabaseNow(db, keep).has_value();
+  if (last <= now && now - last <= kBackupInterval) return std::optional<fs::path>();
+  if (usual) settings.setLastLibraryBackup(now);
+  auto made = backupDatabaseNow(db, keep);
+  if (!made) return made.status();
+  return std::optional<fs::path>(*made);
 }
 
-std::optional<fs::path> AppPaths::backupDatabaseNow(int keep) {
+Result<fs::path> AppPaths::backupDatabaseNow(int keep) {
   return backupDatabaseNow(database(), keep);
 }
 
-std::optional<fs::path> AppPaths::backupDatabaseNow(const fs::path& db, int keep) {
+Result<fs::path> AppPaths::backupDatabaseNow(const fs::path& db, int keep) {
   keep = std::max(keep, 1);
   // Beside the catalogue: for the usual one that is the support folder's
   // Backups; another catalogue (orvel --db) never prunes the usual backups.
   const fs::path dir = db.parent_path() / "Backups";
+  const auto fail = [](Status why) {
+    klog("backup failed: " + why.message());
+    return why;
+  };
+  // Opening a missing catalogue would create an empty one, and back that up.
+  if (!isFile(db)) return fail(Status::notFound("there is no catalogue at " + db.string()));
   std::error_code ec;
   fs::create_directories(dir, ec);
+  if (ec)
+    return fail(Status::error(Status::Code::readOnly,
+                              "cannot create " + dir.string() + ": " + ec.message()));
+  removeAbandonedPartials(dir, "orvel-");
 
   const std::string stamp = backupStamp();
   fs::path target = dir / fmt::format("orvel-{}.db", stamp);
   for (int n = 2; fs::exists(target, ec); ++n)
     target = dir / fmt::format("orvel-{}-{}.db", stamp, n);
-
-  bool copied = false;
-  std::string why;  // empty: there was no catalogue to copy
-  // Opening a missing catalogue would create an empty one, and back that up.
-  if (isFile(db)) {
-    try {
-      const OrvelDB source(db.string());
-      const Status s = source.backup(target.string());
-      copied = s.isOk();
-      why = s.message();
-    } catch (const std::exception& e) {
-      copied = false;
-      why = e.what();
-    }
+  // Written under a partial name and renamed when whole and checked, so a
+  // killed backup never counts as one, nor pushes a good one out.
+  const fs::path partial = partialName(target);
+  fs::remove(partial, ec);
+  Status copied;
+  try {
+    const OrvelDB source(db.string(), OpenMode::readOnly);
+    copied = source.backup(partial.string());
+  } catch (const std::exception& e) {
+    copied = Status::failed(e.what());
+  }
+  if (copied) {
+    if (const std::string verdict = quickCheck(partial); verdict != "ok")
+      copied = Status::error(
+          Status::Code::corrupt,
+          fmt::format("the catalogue is damaged ({}); no backup was made and the {} in {} were "
+                      "kept",
+                      verdict, completeBackups(dir).size(), dir.string()));
+  }
+  if (copied) {
+    fs::rename(partial, target, ec);
+    if (ec)
+      copied = Status::failed("cannot name the backup " + target.string() + ": " + ec.message());
   }
   if (!copied) {
-    // A half-written file must not count as a backup, nor push a good one out.
-    fs::remove(target, ec);
-    klog(why.empty() ? std::string("backup failed") : "backup failed: " + why);
-    return std::nullopt;
+    fs::remove(partial, ec);
+    fs::remove(fs::path(partial.string() + "-journal"), ec);
+    return fail(copied);
   }
 
   pruneBackups(dir, keep);

@@ -11,6 +11,8 @@
 #include <string_view>
 #include <vector>
 
+#include "core/store/status.h"
+
 namespace orvel::app {
 
 class Settings;
@@ -56,23 +58,26 @@ class AppPaths {
   // for as long as the interpreter takes to start on the first call.
   static bool pythonWorks();
 
-  // The automatic backup: unless a backup ran within kBackupInterval (as
-  // recorded in "lastLibraryBackup"), records now and backs up, keeping the
-  // newest `keep`. The time is recorded before the backup, so a failing
-  // backup is retried only after another interval. Returns whether a backup
-  // file was made.
-  static bool backupDatabase(int keep, Settings& settings);
-  static bool backupDatabase(const std::filesystem::path& db, int keep, Settings& settings);
+  // The automatic backup: unless a backup ran within kBackupInterval, backs
+  // up keeping the newest `keep`. For the usual catalogue the time is
+  // "lastLibraryBackup", recorded before the backup, so a failing backup is
+  // retried only after another interval; another catalogue (orvel --db) goes
+  // by the age of its own newest backup. No path when none was due; the
+  // reason when one was due and failed.
+  static Result<std::optional<std::filesystem::path>> backupDatabase(int keep, Settings& settings);
+  static Result<std::optional<std::filesystem::path>> backupDatabase(
+      const std::filesystem::path& db, int keep, Settings& settings);
 
   // Copies the catalogue at `db` (database() without it) into the Backups
   // folder beside it (support()/Backups for the usual catalogue) as
   // "orvel-YYYYMMDDTHHMMSS.db" (UTC; "-2", "-3"… added when that name is
-  // taken) through SQLite's online backup, then deletes all but the newest
-  // `keep` (at least 1) backups. Returns the new file, or std::nullopt after
-  // logging "backup failed".
-  static std::optional<std::filesystem::path> backupDatabaseNow(int keep);
-  static std::optional<std::filesystem::path> backupDatabaseNow(const std::filesystem::path& db,
-                                                                int keep);
+  // taken) through SQLite's online backup. The copy is written under a
+  // partial name, checked with SQLite's quick_check and only then named; a
+  // damaged catalogue gives no backup and prunes none. Then deletes all but
+  // the newest `keep` (at least 1) complete backups. Returns the new file, or
+  // why there is none (also logged as "backup failed: …").
+  static Result<std::filesystem::path> backupDatabaseNow(int keep);
+  static Result<std::filesystem::path> backupDatabaseNow(const std::filesystem::path& db, int keep);
 };
 
 }  // namespace orvel::app

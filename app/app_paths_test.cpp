@@ -8,11 +8,13 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <limits>
 #include <sstream>
 
 #include "app/settings.h"
 #include "core/store/locations.h"
 #include "core/store/orvel_db.h"
+#include "core/testing/damage.h"
 #include "core/testing/temp_dir.h"
 
 namespace orvel::app {
@@ -109,11 +111,12 @@ TEST(AppPathsPython, InterpreterCheckAgreesWithTheShell) {
 
 class AppPathsBackup : public ::testing::Test {
  protected:
-  void SetUp() override {
-    OrvelDB db(catalogue_.string());
-    for (int i = 0; i < 3; ++i) {
+  void SetUp() override { fill(catalogue_, 3); }
+  static void fill(const fs::path& file, int tracks) {
+    OrvelDB db(file.string());
+    for (int i = 0; i < tracks; ++i) {
       NewTrack track;
-      track.path = fmt::format("/music/{}.mp3", i);
+      track.path = fmt::format("/music/{:04} {}.mp3", i, std::string(100, 'x'));
       const auto source = db.tracks().orvelSourceId();
       ASSERT_TRUE(source) << source.error();
       const auto id = db.tracks().insertImported(track, *source);
@@ -130,6 +133,7 @@ class AppPathsBackup : public ::testing::Test {
     std::sort(out.begin(), out.end());
     return out;
   }
+  static bool made(const Result<std::optional<fs::path>>& r) { return r && r->has_value(); }
 
   TempDir dir_;
   fs::path catalogue_ = dir_ / "orvel.db";
@@ -153,29 +157,82 @@ TEST_F(AppPathsBackup, CopiesAreReadableNeverOverwrittenAndPrunedOldestFirst) {
   std::vector<fs::path> newest{*third, *fourth};
   std::sort(newest.begin(), newest.end());
   EXPECT_EQ(backups(), newest);
-  AppPaths::backupDatabaseNow(catalogue_, 0);  // still keeps the one just made
+  ASSERT_TRUE(AppPaths::backupDatabaseNow(catalogue_, 0));  // still keeps the one just made
   EXPECT_EQ(backups().size(), 1U);
 }
 
+// What killed backups left: a full-size copy with a hot journal (it opens
+// empty once rolled back) under a real name, and a partial copy of a process
+// that is gone. Neither counts toward the kept number; both are removed.
+TEST_F(AppPathsBackup, KilledBackupsNeverPushOutGoodOnes) {
+  const auto good1 = AppPaths::backupDatabaseNow(catalogue_, 10);
+  const auto good2 = AppPaths::backupDatabaseNow(catalogue_, 10);
+  ASSERT_TRUE(good1 && good2);
+  const fs::path broken = backupsDir() / "orvel-29990101T000000.db";
+  fs::copy_file(*good1, broken);
+  writeFile(fs::path(broken.string() + "-journal"), std::string(512, '\0'));
+  writeFile(backupsDir() / "orvel-29990101T000001.db", "");
+  const std::string gone = std::to_string(std::numeric_limits<pid_t>::max() - 1);
+  writeFile(backupsDir() / ("orvel-29990101T000002.db.partial-" + gone), "half");
+  writeFile(backupsDir() / ("orvel-29990101T000002.db.partial-" + gone + "-journal"), "j");
+
+  const auto third = AppPaths::backupDatabaseNow(catalogue_, 3);
+  ASSERT_TRUE(third) << third.error();
+  std::vector<fs::path> expected{*good1, *good2, *third};
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(backups(), expected);
+}
+
+TEST_F(AppPathsBackup, ADamagedCatalogueGivesNoBackupAndKeepsTheGoodOnes) {
+  fill(catalogue_, 400);
+  const auto good = AppPaths::backupDatabaseNow(catalogue_, 1);
+  ASSERT_TRUE(good);
+  ASSERT_TRUE(orvel::testing::damageLastPageOf(catalogue_.string(), "tracks"));
+  LogWatch log;
+  const auto damaged = AppPaths::backupDatabaseNow(catalogue_, 1);
+  ASSERT_FALSE(damaged);
+  EXPECT_EQ(damaged.status().code(), Status::Code::corrupt);
+  EXPECT_NE(damaged.error().find("the catalogue is damaged"), std::string::npos) << damaged.error();
+  EXPECT_EQ(backups(), std::vector<fs::path>{*good});
+  EXPECT_EQ(log.count("backup failed: the catalogue is damaged"), 1U);
+}
+
 TEST_F(AppPathsBackup, AutomaticBackupRunsAtMostOnceInTwentyHours) {
+  // The usual catalogue is gated by the time in the preferences.
+  const fs::path usual = locations::supportDir() / "orvel.db";
+  fs::create_directories(usual.parent_path());
+  fill(usual, 1);
+  const fs::path usualBackups = usual.parent_path() / "Backups";
   Settings settings;
   settings.remove(keys::kLastLibraryBackup);
-  EXPECT_TRUE(AppPaths::backupDatabase(catalogue_, 3, settings));
-  EXPECT_FALSE(AppPaths::backupDatabase(catalogue_, 3, settings));
+  EXPECT_TRUE(made(AppPaths::backupDatabase(usual, 3, settings)));
+  EXPECT_FALSE(made(AppPaths::backupDatabase(usual, 3, settings)));
   settings.setLastLibraryBackup(now() - 71000);
-  EXPECT_FALSE(AppPaths::backupDatabase(catalogue_, 3, settings));
+  EXPECT_FALSE(made(AppPaths::backupDatabase(usual, 3, settings)));
   settings.setLastLibraryBackup(now() - 72100);
-  EXPECT_TRUE(AppPaths::backupDatabase(catalogue_, 3, settings));
-  EXPECT_EQ(backups().size(), 2U);
+  EXPECT_TRUE(made(AppPaths::backupDatabase(usual, 3, settings)));
 
   // A failure is logged, leaves no file (nor creates a catalogue), and still
   // counts: the next attempt waits a full interval.
   LogWatch log;
   settings.setLastLibraryBackup(now() - 72100);
-  EXPECT_FALSE(AppPaths::backupDatabase(dir_ / "gone.db", 3, settings));
-  EXPECT_FALSE(fs::exists(dir_ / "gone.db"));
-  EXPECT_EQ(log.count(" backup failed\n"), 1U);
-  EXPECT_FALSE(AppPaths::backupDatabase(catalogue_, 3, settings));
+  fs::rename(usual, dir_ / "away.db");
+  const auto failed = AppPaths::backupDatabase(usual, 3, settings);
+  EXPECT_FALSE(failed);
+  EXPECT_FALSE(fs::exists(usual));
+  EXPECT_EQ(log.count(" backup failed: there is no catalogue at "), 1U);
+  fs::rename(dir_ / "away.db", usual);
+  EXPECT_FALSE(made(AppPaths::backupDatabase(usual, 3, settings)));
+  size_t count = 0;
+  for ([[maybe_unused]] const auto& e : fs::directory_iterator(usualBackups)) ++count;
+  EXPECT_EQ(count, 2U);
+
+  // Another catalogue goes by its own newest backup, whatever the preference says.
+  EXPECT_TRUE(made(AppPaths::backupDatabase(catalogue_, 3, settings)));
+  EXPECT_FALSE(made(AppPaths::backupDatabase(catalogue_, 3, settings)));
+  const auto longAgo = fs::file_time_type::clock::now() - std::chrono::hours(21);
+  fs::last_write_time(backups().front(), longAgo);
+  EXPECT_TRUE(made(AppPaths::backupDatabase(catalogue_, 3, settings)));
   EXPECT_EQ(backups().size(), 2U);
 }
 

@@ -107,6 +107,15 @@ Status OrvelDB::backup(const std::string& to) const {
     status = stepped != SQLITE_DONE  ? Status::sqlite(stepped, "")
              : finished != SQLITE_OK ? Status::sqlite(finished, sqlite3_errmsg(dest))
                                      : Status::ok();
+    // The copy takes the catalogue's WAL mode with its pages; a backup is a
+    // file on its own, to be opened read-only or carried elsewhere, so it
+    // keeps no -wal and -shm beside it.
+    if (status) {
+      char* err = nullptr;
+      if (sqlite3_exec(dest, "PRAGMA journal_mode=DELETE", nullptr, nullptr, &err) != SQLITE_OK)
+        status = Status::sqlite(sqlite3_errcode(dest), err != nullptr ? err : "");
+      sqlite3_free(err);
+    }
   } else {
     status = Status::sqlite(sqlite3_errcode(dest), sqlite3_errmsg(dest));
   }

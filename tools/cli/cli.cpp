@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <iostream>
+#include <set>
 
 #include "core/store/log.h"
 #include "tools/cli/commands.h"
@@ -36,10 +37,31 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
   addAnalysisCommands(app, ctx);
   addAskCommands(app, ctx);
 
+  // Commands that change the catalogue get the automatic backup first; a
+  // command not named here is taken to write, so a new one is never missed.
+  app.parse_complete_callback([&app, &ctx] {
+    static const std::set<std::string, std::less<>> kReaders = {
+        "info",     "ls",         "show",        "history",       "backup",
+        "snapshot", "snapshots",  "config",      "ask",           "key",
+        "waveform", "export",     "repair",      "playlist show", "playlist tree",
+        "cue ls",   "smart show", "serato tags", "serato send",   "categories",
+        "browse",   "duplicates"};
+    std::string path;
+    const CLI::App* at = &app;
+    while (!at->get_subcommands().empty()) {
+      at = at->get_subcommands().front();
+      path += (path.empty() ? "" : " ") + at->get_name();
+    }
+    const bool dryRelink = path == "relink" && at->get_option("--apply")->count() == 0;
+    ctx.autoBackup = !kReaders.contains(path) && !dryRelink;
+  });
+
   std::vector<const char*> argv{"orvel"};
   for (const auto& a : args) argv.push_back(a.c_str());
   try {
     app.parse(static_cast<int>(argv.size()), argv.data());
+    // Whatever the command read, a damaged page it met makes it a failure.
+    ctx.requireIntact();
   } catch (const CLI::CallForHelp& e) {
     return app.exit(e, out, err);
   } catch (const CLI::CallForAllHelp& e) {

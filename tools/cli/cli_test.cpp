@@ -11,6 +11,7 @@
 #include <iterator>
 
 #include "core/store/locations.h"
+#include "core/testing/damage.h"
 #include "tools/cli/cli_fixture.h"
 
 namespace orvel::cli {
@@ -182,6 +183,56 @@ TEST_F(CliTest, InfoAndBackup) {
   const Result relink = orvel({"relink"});
   EXPECT_EQ(relink.code, 0);
   EXPECT_THAT(relink.out, HasSubstr("3 files not found"));
+}
+
+TEST_F(CliTest, WritingCommandsTakeTheAutomaticBackupAtMostOnceADay) {
+  const auto backups = [&] {
+    size_t n = 0;
+    std::error_code ec;
+    for (std::filesystem::directory_iterator it(dir_ / "Backups", ec), end; !ec && it != end;
+         it.increment(ec))
+      ++n;
+    return n;
+  };
+  ASSERT_EQ(orvel({"ls"}).code, 0);
+  ASSERT_EQ(orvel({"relink"}).code, 0);  // a dry run writes nothing
+  EXPECT_EQ(backups(), 0u);
+  ASSERT_EQ(orvel({"rate", "3", std::to_string(a_)}).code, 0);
+  EXPECT_EQ(backups(), 1u);
+  ASSERT_EQ(orvel({"playlist", "create", "Gig"}).code, 0);
+  EXPECT_EQ(backups(), 1u);
+}
+
+TEST_F(CliTest, ADamagedOrForeignCatalogueIsAFailureNeverAShortListing) {
+  for (int i = 0; i < 400; ++i)
+    add(fmt::format("/music/{:03} {}.mp3", i, std::string(120, 'x')), "t", 2000 + i);
+  ASSERT_EQ(orvel({"backup"}).code, 0);
+  db_.reset();
+  ASSERT_TRUE(testing::damageLastPageOf(dbPath(), "tracks"));
+  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+           {"ls"}, {"ls", "--json"}, {"info"}, {"info", "--check"}, {"backup"}}) {
+    const Result r = orvel(args);
+    EXPECT_EQ(r.code, 1) << args[0] << ": " << r.out;
+    EXPECT_THAT(r.err, HasSubstr("damaged")) << args[0];
+    EXPECT_THAT(r.err, HasSubstr("Backups")) << args[0];
+  }
+  // The good backup is whole and says so.
+  std::filesystem::path copy;
+  for (const auto& entry : std::filesystem::directory_iterator(dir_ / "Backups")) copy = entry;
+  std::ostringstream out, err;
+  EXPECT_EQ(run({"--db", copy.string(), "info", "--check"}, out, err), 0) << err.str();
+  EXPECT_THAT(out.str(), HasSubstr("integrity   ok"));
+
+  // Another program's database is refused and left as it was.
+  const std::string photos = (dir_ / "photos.db").string();
+  sqlite3* raw = nullptr;
+  ASSERT_EQ(sqlite3_open(photos.c_str(), &raw), SQLITE_OK);
+  sqlite3_exec(raw, "CREATE TABLE photos(id INTEGER PRIMARY KEY)", nullptr, nullptr, nullptr);
+  sqlite3_close(raw);
+  std::ostringstream out2, err2;
+  EXPECT_EQ(run({"--db", photos, "rate", "3", "1"}, out2, err2), 1);
+  EXPECT_THAT(err2.str(), HasSubstr("not an Orvel catalogue"));
+  EXPECT_EQ(std::filesystem::file_size(photos), 8192u);
 }
 
 TEST_F(CliTest, ReadingNeitherWaitsForAWriterNorChangesTheCatalogue) {

@@ -3,9 +3,15 @@
 #include <filesystem>
 
 #include "app/app_paths.h"
+#include "app/settings.h"
 #include "core/store/log.h"
+#include "tools/cli/commands.h"
 
 namespace orvel::cli {
+namespace {
+// As many automatic backups as `orvel backup` keeps by default.
+constexpr int kAutomaticBackupsKept = 10;
+}  // namespace
 
 std::string Context::dbPath() const {
   return dbOption.empty() ? app::AppPaths::database().string() : dbOption;
@@ -25,8 +31,24 @@ OrvelDB& Context::db() {
     }
     // A mistyped --db would otherwise look like an empty library.
     if (!existed) err << "orvel: created a new catalogue at " << path << "\n";
+    if (autoBackup && existed) {
+      app::Settings settings;
+      const auto made = app::AppPaths::backupDatabase(path, kAutomaticBackupsKept, settings);
+      if (!made)
+        err << "orvel: the automatic backup failed: " << describe(made.status()) << "\n";
+      else if (*made && verbose)
+        err << "orvel: backed up to " << (*made)->string() << "\n";
+    }
   }
   return *db_;
+}
+
+void Context::requireIntact() {
+  if (!db_) return;
+  const Status& damage = db_->connection().damage();
+  if (damage) return;
+  throw CliError(kFailed, "the catalogue " + dbPath() + " is damaged (" + damage.message() +
+                              "); what it holds cannot all be read. " + kRestoreAdvice);
 }
 
 }  // namespace orvel::cli

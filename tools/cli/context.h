@@ -14,6 +14,11 @@ namespace orvel::cli {
 
 enum ExitCode { kDone = 0, kFailed = 1, kBadUsage = 2 };
 
+// What to do about a damaged catalogue.
+inline constexpr const char* kRestoreAdvice =
+    "restore the newest good backup: quit Orvel, copy a file from the Backups folder beside the "
+    "catalogue over it (orvel --db BACKUP info --check tells whether one is whole)";
+
 class CliError : public std::runtime_error {
  public:
   CliError(int code, const std::string& message) : std::runtime_error(message), code_(code) {}
@@ -31,11 +36,18 @@ struct Context {
   std::string dbOption;  // --db; empty: the support folder's catalogue
   bool verbose = false;
   bool errIsTerminal = false;  // draw progress bars on err
+  // The command will write: the catalogue gets its automatic backup (at
+  // most one in 20 hours) when it is first opened.
+  bool autoBackup = false;
 
   // The catalogue path in force.
   std::string dbPath() const;
   // Opens the catalogue on first use; a catalogue that cannot be opened is a failure.
   OrvelDB& db();
+  bool opened() const { return db_ != nullptr; }
+  // Fails with the restore advice when a read met a damaged page: a listing
+  // cut short must never pass for the whole library.
+  void requireIntact();
 
  private:
   std::unique_ptr<OrvelDB> db_;

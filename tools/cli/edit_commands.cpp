@@ -56,9 +56,25 @@ std::string undoHint(const std::string& opId) {
   return " (undo with: orvel undo " + opId + ")";
 }
 
+std::string describe(const Status& why) {
+  const std::string& m = why.message();
+  switch (why.code()) {
+    case Status::Code::busy:
+      return "another program is writing the catalogue and held it longer than Orvel waits (" + m +
+             "); try again when it is done";
+    case Status::Code::readOnly:
+      return "the catalogue cannot be written: its file or folder is read-only (" + m + ")";
+    case Status::Code::full:
+      return "the disk is full (" + m + ")";
+    case Status::Code::corrupt:
+      return "the catalogue is damaged (" + m + "); " + kRestoreAdvice;
+    default:
+      return m.empty() ? "no reason was given" : m;
+  }
+}
+
 void failed(const std::string& what, const Status& why) {
-  throw CliError(kFailed, what + " failed" + (why.message().empty() ? "" : ": " + why.message()) +
-                              "; nothing was changed");
+  throw CliError(kFailed, what + " failed: " + describe(why) + "; nothing was changed");
 }
 
 void addEditCommands(CLI::App& app, Context& ctx) {

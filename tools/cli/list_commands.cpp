@@ -100,6 +100,7 @@ void show(Context& ctx, int64_t id, bool asJson) {
   j["cues"] = cuesOf(db, id);
   j["beatgrids"] = gridsOf(db, id);
   j["defects"] = defectsOf(db, id);
+  ctx.requireIntact();
   if (asJson) {
     ctx.out << jsonText(j, 2) << '\n';
     return;
@@ -184,6 +185,7 @@ void addListCommands(CLI::App& app, Context& ctx) {
   ls->add_flag("--json", opts->json, "One JSON array of tracks on stdout");
   ls->callback([&ctx, opts] {
     const auto rows = listTracks(ctx.db(), *opts);
+    ctx.requireIntact();
     if (opts->json)
       printTrackJson(ctx.out, rows);
     else

@@ -6,6 +6,7 @@
 
 #include "app/app_paths.h"
 #include "core/store/locations.h"
+#include "core/text/visible.h"
 #include "tools/cli/commands.h"
 #include "tools/cli/table.h"
 
@@ -49,6 +50,16 @@ json infoJson(Context& ctx) {
   };
 }
 
+// "ok", or what SQLite's integrity_check found (at most 20 problems).
+json integrity(OrvelDB& db) {
+  json found = json::array();
+  Statement st = db.prepare("PRAGMA integrity_check(20)");
+  int rc = SQLITE_ROW;
+  while ((rc = st.stepCode()) == SQLITE_ROW) found.push_back(st.text(0));
+  if (rc != SQLITE_DONE || found.empty()) found.push_back(db.connection().errorMessage());
+  return found;
+}
+
 void printInfo(std::ostream& out, const json& j) {
   const auto& p = j["paths"];
   const auto& s = j["schema"];
@@ -75,20 +86,34 @@ void printInfo(std::ostream& out, const json& j) {
   out << fmt::format("library     {} playlists · {} cues · {} plays · {} edits in history\n",
                      c["playlists"].get<int64_t>(), c["cues"].get<int64_t>(),
                      c["plays"].get<int64_t>(), c["operations"].get<int64_t>());
+  if (j.contains("integrity")) {
+    std::string found;
+    for (const auto& line : j["integrity"])
+      found += (found.empty() ? "" : "; ") + visible(line.get<std::string>());
+    out << fmt::format("integrity   {}\n", found);
+  }
 }
 
 }  // namespace
 
 void addInfoCommand(CLI::App& app, Context& ctx) {
   auto asJson = std::make_shared<bool>(false);
+  auto check = std::make_shared<bool>(false);
   CLI::App* info = app.add_subcommand("info", "Paths, schema state and counts");
   info->add_flag("--json", *asJson, "One JSON object on stdout");
-  info->callback([&ctx, asJson] {
-    const json j = infoJson(ctx);
+  info->add_flag("--check", *check,
+                 "Also read every page of the catalogue (SQLite's integrity_check) and fail if any "
+                 "is damaged");
+  info->callback([&ctx, asJson, check] {
+    json j = infoJson(ctx);
+    ctx.requireIntact();
+    if (*check) j["integrity"] = integrity(ctx.db());
     if (*asJson)
       ctx.out << jsonText(j, 2) << '\n';
     else
       printInfo(ctx.out, j);
+    if (*check && j["integrity"] != json::array({"ok"}))
+      throw CliError(kFailed, "the catalogue " + ctx.dbPath() + " is damaged; " + kRestoreAdvice);
   });
 }
 
@@ -100,7 +125,7 @@ void addMaintenanceCommands(CLI::App& app, Context& ctx) {
   backup->callback([&ctx, keep] {
     ctx.db();  // a catalogue that cannot be opened fails here with its reason
     const auto file = app::AppPaths::backupDatabaseNow(ctx.dbPath(), *keep);
-    if (!file) throw CliError(kFailed, "backup failed (see " + locations::logFile().string() + ")");
+    if (!file) failed("the backup", file.status());
     ctx.out << "backed up to " << file->string() << '\n';
   });
 
