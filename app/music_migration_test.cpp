@@ -17,6 +17,7 @@ namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::StartsWith;
 
 std::string trackXml(int id, const std::string& pid, const std::string& url,
                      const std::string& more) {
@@ -90,12 +91,11 @@ class MusicMigrationTest : public orvel::testing::StoreTest {
     sql("UPDATE tracks SET play_count = 50 WHERE id = " + std::to_string(played_));
   }
   void sql(const std::string& statement) { Connection(dbPath()).execIgnoring(statement); }
-  std::string text(const std::string& query) {
-    Connection conn(dbPath());
-    Statement st = conn.prepare(query);
-    std::string out;
-    while (st.step()) out += (out.empty() ? "" : "|") + st.text(0);
-    return out;
+  std::string text(const std::string& query) { return rows(query); }
+  // Everything a migration may touch.
+  std::string state() const {
+    return tableText("tracks") + tableText("playlists") + tableText("playlist_tracks") +
+           tableText("sources");
   }
   MusicMigration::Result migrate(std::vector<std::string>* progress = nullptr) {
     MusicMigration migration;
@@ -109,9 +109,16 @@ class MusicMigrationTest : public orvel::testing::StoreTest {
 };
 
 TEST_F(MusicMigrationTest, BringsInMarksAndPlaylistsOnceAndOnlyOnce) {
+  const std::string before = state();
   std::vector<std::string> progress;
   const auto first = migrate(&progress);
   ASSERT_TRUE(first.ok()) << first.summary.sentence();
+  // The copy taken first holds the catalogue as it was.
+  ASSERT_TRUE(fs::is_regular_file(first.snapshot));
+  EXPECT_EQ(Connection(first.snapshot.string())
+                .scalarInt("SELECT COUNT(*) FROM tracks WHERE rating > 0 OR loved = 1")
+                .value_or(-1),
+            0);
   EXPECT_EQ(first.summary.sentence(),
             "Brought in 2 rated, 2 loved, 1 disliked, 2 play counts and 4 playlists.");
   EXPECT_THAT(progress, ElementsAre("Reading your Music library…", "Ratings, loved and play counts",
@@ -140,19 +147,34 @@ TEST_F(MusicMigrationTest, BringsInMarksAndPlaylistsOnceAndOnlyOnce) {
   EXPECT_EQ(text(of("Warmup")), id(cafe_) + "," + id(a_));
   EXPECT_EQ(text(of("Peak")), id(moved_));
 
+  // The whole run, nested folders and the Music source included, is one
+  // operation: undone, the catalogue is as it was; redone, as the run left it.
+  const std::string migrated = state();
+  ASSERT_EQ(db().journal().operations(10).size(), 1U);
+  EXPECT_EQ(db().journal().operations(10)[0].id, first.opId);
+  EXPECT_EQ(db().journal().operations(10)[0].opName, "Apple Music Migration");
+  ASSERT_TRUE(db().journal().undo(first.opId));
+  EXPECT_EQ(state(), before);
+  ASSERT_TRUE(db().journal().redo(first.opId));
+  EXPECT_EQ(state(), migrated);
+
   const auto second = migrate();
   ASSERT_TRUE(second.ok());
   EXPECT_EQ(second.summary.sentence(),
             "Nothing new to bring in — your library already has all of it.");
-  EXPECT_EQ(text("SELECT COUNT(*) FROM playlists"), "4");
-  EXPECT_EQ(text("SELECT COUNT(*) FROM playlist_tracks"), "3");
-  EXPECT_EQ(text("SELECT COUNT(*) FROM sources WHERE name = 'music'"), "1");
+  EXPECT_EQ(second.entries, 0);
+  EXPECT_EQ(state(), migrated);
 
-  // Members follow Music: reordered and dropped there, the same here.
+  // Members follow Music: reordered and dropped there, the same here, and
+  // undone with the run that changed them.
   std::ofstream(xml_, std::ios::trunc) << libraryXml({101});
-  ASSERT_TRUE(migrate().ok());
+  const auto third = migrate();
+  ASSERT_TRUE(third.ok());
+  EXPECT_EQ(third.summary.sentence(), "Updated 1 playlists to match Music.");
   EXPECT_EQ(text(of("Warmup")), id(a_));
   EXPECT_EQ(text("SELECT COUNT(*) FROM playlist_tracks"), "2");
+  ASSERT_TRUE(db().journal().undo(third.opId));
+  EXPECT_EQ(state(), migrated);
 }
 
 TEST_F(MusicMigrationTest, NothingRunsWithoutTheLibraryFile) {
@@ -173,9 +195,12 @@ TEST_F(MusicMigrationTest, NothingRunsWithoutTheLibraryFile) {
   const auto broken = migrate();
   EXPECT_THAT(broken.summary.failedSteps,
               ElementsAre("Ratings, loved and play counts", "Disliked tracks", "Playlists"));
-  EXPECT_THAT(broken.problems, ElementsAre("migration helper import_music_ratings.py exited 1",
-                                           "migration helper import_music_dislikes.py exited 1",
-                                           "migration helper import_music_playlists.py exited 1"));
+  // Each with the script's own reason.
+  const std::string why = ": cannot read the Music library " + xml_.string();
+  EXPECT_THAT(broken.problems,
+              ElementsAre(StartsWith("migration helper import_music_ratings.py exited 1" + why),
+                          StartsWith("migration helper import_music_dislikes.py exited 1" + why),
+                          StartsWith("migration helper import_music_playlists.py exited 1" + why)));
   EXPECT_EQ(text("SELECT COUNT(*) FROM playlists p JOIN sources s ON s.id = p.source_id "
                  "WHERE s.name = 'music'"),
             "0");
@@ -184,7 +209,9 @@ TEST_F(MusicMigrationTest, NothingRunsWithoutTheLibraryFile) {
 TEST_F(MusicMigrationTest, AFailedStepIsNamedAndTheOthersStillRun) {
   const fs::path scripts = dir_ / "resources" / "scripts";
   fs::create_directories(scripts);
-  std::ofstream(scripts / "import_music_ratings.py") << "import sys\nsys.exit(3)\n";
+  std::ofstream(scripts / "import_music_ratings.py")
+      << "import sys\nprint('Traceback:', file=sys.stderr)\n"
+         "print('the catalogue is locked', file=sys.stderr)\nsys.exit(3)\n";
   std::ofstream(scripts / "import_music_dislikes.py")
       << "import os, signal\nos.kill(os.getpid(), signal.SIGKILL)\n";
   setenv("ORVEL_RESOURCES", (dir_ / "resources").c_str(), 1);
@@ -192,9 +219,10 @@ TEST_F(MusicMigrationTest, AFailedStepIsNamedAndTheOthersStillRun) {
   unsetenv("ORVEL_RESOURCES");
 
   EXPECT_FALSE(result.ok());
-  EXPECT_THAT(result.problems,
-              ElementsAre("migration helper import_music_ratings.py exited 3",
-                          "migration helper import_music_dislikes.py killed by signal 9"));
+  EXPECT_THAT(
+      result.problems,
+      ElementsAre("migration helper import_music_ratings.py exited 3: the catalogue is locked",
+                  "migration helper import_music_dislikes.py killed by signal 9"));
   EXPECT_EQ(result.summary.sentence(),
             "Brought in 4 playlists. Ratings, loved and play counts and Disliked tracks did not "
             "come across — see the log.");
@@ -204,9 +232,11 @@ TEST(MusicMigrationSummary, SaysWhatFailedEvenWhenNothingCame) {
   MusicMigration::Summary s;
   s.failedSteps = {"Playlists"};
   EXPECT_EQ(s.sentence(), "Playlists did not come across — see the log.");
-  s.gained.loved = 1;
+  s.changed.loved = 1;
   s.failedSteps.clear();
   EXPECT_EQ(s.sentence(), "Brought in 1 loved.");
+  s.changed.playlistsUpdated = 2;
+  EXPECT_EQ(s.sentence(), "Brought in 1 loved. Updated 2 playlists to match Music.");
 }
 
 // ---- reading the library directly --------------------------------------------

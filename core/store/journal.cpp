@@ -475,7 +475,10 @@ const std::vector<std::string>& Journal::writable(std::string_view entity) {
       "disc_count", "album_rating", "compilation", "work", "movement_name", "movement_number",
       "sort_title", "sort_artist", "sort_album", "sort_album_artist", "sort_composer", "isrc",
       "serato_label", "studio_status", "studio_note", "equalizer", "description", "category",
-      "release_date", "lyrics"};
+      "release_date", "lyrics",
+      // not the user's, but the Apple Music migration records a track's
+      // persistent id as it matches it, and its undo must take that back too
+      "music_pid"};
   static const std::vector<std::string> kPlaylists = {"name", "parent_id", "color", "sort_order",
                                                       "kind"};
   static const std::vector<std::string> kCues = {"position_ms", "length_ms", "color", "name",
