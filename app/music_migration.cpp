@@ -5,7 +5,6 @@
 #include <QProcess>
 #include <QString>
 #include <QStringList>
-#include <algorithm>
 #include <memory>
 #include <system_error>
 

@@ -164,20 +164,18 @@ class History:
         return True
 
     def set_members(self, playlist_id, track_ids):
-        """Makes a playlist hold exactly `track_ids`, in that order. Returns
-        whether its list changed."""
+        """Makes a playlist hold exactly `track_ids`, in that order."""
         old = [r[0] for r in self.conn.execute(
             "SELECT track_id FROM playlist_tracks WHERE playlist_id = ? ORDER BY position, rowid",
             (playlist_id,))]
         if old == track_ids:
-            return False
+            return
         self.conn.execute("DELETE FROM playlist_tracks WHERE playlist_id = ?", (playlist_id,))
         self.conn.executemany(
             "INSERT OR IGNORE INTO playlist_tracks(playlist_id, track_id, position) "
             "VALUES(?, ?, ?)", [(playlist_id, t, i) for i, t in enumerate(track_ids)])
         self.entries.append(("playlists", playlist_id, "@members", compact(old),
                              compact(track_ids)))
-        return True
 
     def finish(self):
         now = int(time.time())
@@ -187,7 +185,6 @@ class History:
             "INSERT INTO history(op_id, op_name, entity, entity_id, field, old_value, new_value, "
             "at) VALUES(?, ?, ?, ?, ?, ?, ?, ?)",
             [(self.op_id, self.op_name, *row, now) for row in rows])
-        return len(rows)
 
 
 def as_text(value):
