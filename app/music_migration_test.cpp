@@ -7,6 +7,7 @@
 
 #include "app/app_paths.h"
 #include "app/music_library_reader.h"
+#include "app/testing/music_library_xml.h"
 #include "core/store/connection.h"
 #include "core/store/statement.h"
 #include "core/testing/store_fixture.h"
@@ -19,59 +20,37 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
-std::string trackXml(int id, const std::string& pid, const std::string& url,
-                     const std::string& more) {
-  return "<key>" + std::to_string(id) + "</key><dict><key>Track ID</key><integer>" +
-         std::to_string(id) + "</integer><key>Persistent ID</key><string>" + pid +
-         "</string><key>Location</key><string>" + url + "</string>" + more + "</dict>";
-}
-
-std::string playlistXml(const std::string& name, const std::string& pid, const std::string& parent,
-                        const std::string& more, std::vector<int> items = {}) {
-  std::string s = "<dict><key>Name</key><string>" + name +
-                  "</string><key>Playlist Persistent ID</key><string>" + pid + "</string>";
-  if (!parent.empty()) s += "<key>Parent Persistent ID</key><string>" + parent + "</string>";
-  s += more;
-  if (!items.empty()) {
-    s += "<key>Playlist Items</key><array>";
-    for (int i : items)
-      s += "<dict><key>Track ID</key><integer>" + std::to_string(i) + "</integer></dict>";
-    s += "</array>";
-  }
-  return s + "</dict>";
-}
+using app::testing::musicLibraryXml;
+using app::testing::musicPlaylistXml;
+using app::testing::musicTrackXml;
 
 // A library as Music exports it: Music's own lists, nested folders, a file
 // name in decomposed form, a track the catalogue lacks and one it knows only
 // by its persistent id.
 std::string libraryXml(std::vector<int> warmup = {102, 105, 101}) {
   const std::string yes = "<true/>";
-  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-         "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
-         "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
-         "<plist version=\"1.0\"><dict><key>Major Version</key><integer>1</integer>"
-         "<key>Tracks</key><dict>" +
-         trackXml(101, "1A2B3C4D5E6F7081", "file:///Music/My%20Songs/a%20b.mp3",
-                  "<key>Rating</key><integer>80</integer><key>Loved</key>" + yes +
-                      "<key>Play Count</key><integer>5</integer>") +
-         trackXml(102, "00000000000000C2", "file:///Music/Cafe%CC%81/STRA%C3%9FE.mp3",
-                  "<key>Rating</key><integer>60</integer><key>Rating Computed</key>" + yes +
-                      "<key>Play Count</key><integer>2</integer><key>Has Video</key>" + yes) +
-         trackXml(103, "ab", "file:///old/place.mp3",
-                  "<key>Rating</key><integer>40</integer><key>Favorited</key>" + yes) +
-         trackXml(104, "00000000000000D4", "file:///Music/played.mp3",
-                  "<key>Disliked</key>" + yes + "<key>Play Count</key><integer>3</integer>") +
-         trackXml(105, "00000000000000E5", "file:///Music/nothere.mp3",
-                  "<key>Rating</key><integer>100</integer><key>Loved</key>" + yes) +
-         "</dict><key>Playlists</key><array>" +
-         playlistXml("Library", "0000000000000001", "", "<key>Master</key>" + yes, {101, 102}) +
-         playlistXml("Music", "0000000000000002", "",
-                     "<key>Distinguished Kind</key><integer>4</integer>", {101}) +
-         // A child listed before its folder, as Music sometimes does.
-         playlistXml("Warmup", "00000000000000B3", "00000000000000B2", "", std::move(warmup)) +
-         playlistXml("Sets", "00000000000000B1", "", "<key>Folder</key>" + yes) +
-         playlistXml("2024", "00000000000000B2", "00000000000000B1", "<key>Folder</key>" + yes) +
-         playlistXml("Peak", "00000000000000B4", "", "", {103}) + "</array></dict></plist>\n";
+  return musicLibraryXml(
+      musicTrackXml(101, "1A2B3C4D5E6F7081", "file:///Music/My%20Songs/a%20b.mp3",
+                    "<key>Rating</key><integer>80</integer><key>Loved</key>" + yes +
+                        "<key>Play Count</key><integer>5</integer>") +
+          musicTrackXml(102, "00000000000000C2", "file:///Music/Cafe%CC%81/STRA%C3%9FE.mp3",
+                        "<key>Rating</key><integer>60</integer><key>Rating Computed</key>" + yes +
+                            "<key>Play Count</key><integer>2</integer><key>Has Video</key>" + yes) +
+          musicTrackXml(103, "ab", "file:///old/place.mp3",
+                        "<key>Rating</key><integer>40</integer><key>Favorited</key>" + yes) +
+          musicTrackXml(104, "00000000000000D4", "file:///Music/played.mp3",
+                        "<key>Disliked</key>" + yes + "<key>Play Count</key><integer>3</integer>") +
+          musicTrackXml(105, "00000000000000E5", "file:///Music/nothere.mp3",
+                        "<key>Rating</key><integer>100</integer><key>Loved</key>" + yes),
+      musicPlaylistXml("Library", "0000000000000001", "", "<key>Master</key>" + yes, {101, 102}) +
+          musicPlaylistXml("Music", "0000000000000002", "",
+                           "<key>Distinguished Kind</key><integer>4</integer>", {101}) +
+          // A child listed before its folder, as Music sometimes does.
+          musicPlaylistXml("Warmup", "00000000000000B3", "00000000000000B2", "", warmup) +
+          musicPlaylistXml("Sets", "00000000000000B1", "", "<key>Folder</key>" + yes) +
+          musicPlaylistXml("2024", "00000000000000B2", "00000000000000B1",
+                           "<key>Folder</key>" + yes) +
+          musicPlaylistXml("Peak", "00000000000000B4", "", "", {103}));
 }
 
 class MusicMigrationTest : public orvel::testing::StoreTest {

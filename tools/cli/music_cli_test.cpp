@@ -1,6 +1,7 @@
 #include <fstream>
 
 #include "app/app_paths.h"
+#include "app/testing/music_library_xml.h"
 #include "tools/cli/cli_fixture.h"
 #include "tools/cli/commands.h"
 
@@ -10,28 +11,9 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-std::string trackXml(int id, const std::string& pid, const std::string& url,
-                     const std::string& more) {
-  return "<key>" + std::to_string(id) + "</key><dict><key>Track ID</key><integer>" +
-         std::to_string(id) + "</integer><key>Persistent ID</key><string>" + pid +
-         "</string><key>Location</key><string>" + url + "</string>" + more + "</dict>";
-}
-
-std::string libraryXml(const std::string& tracks, const std::string& playlists) {
-  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>"
-         "<key>Tracks</key><dict>" +
-         tracks + "</dict><key>Playlists</key><array>" + playlists + "</array></dict></plist>";
-}
-
-std::string playlistXml(const std::string& name, const std::string& pid,
-                        const std::vector<int>& items) {
-  std::string s = "<dict><key>Name</key><string>" + name +
-                  "</string><key>Playlist Persistent ID</key><string>" + pid +
-                  "</string><key>Playlist Items</key><array>";
-  for (int i : items)
-    s += "<dict><key>Track ID</key><integer>" + std::to_string(i) + "</integer></dict>";
-  return s + "</array></dict>";
-}
+using app::testing::musicLibraryXml;
+using app::testing::musicPlaylistXml;
+using app::testing::musicTrackXml;
 
 class MusicCliTest : public CliTest {
  protected:
@@ -66,9 +48,9 @@ TEST_F(MusicCliTest, MigratePrintsProgressAndSummaryAndFailsWithoutALibrary) {
                         (orvel::locations::home() / "Music/Music/Library.xml").string()));
 
   const std::string xml =
-      write(libraryXml(trackXml(7, "0123456789ABCDEF", "file:///music/DJ%20Koze/XTC.mp3",
-                                "<key>Rating</key><integer>100</integer>"),
-                       playlistXml("Koze", "00000000000000F1", {7})));
+      write(musicLibraryXml(musicTrackXml(7, "0123456789ABCDEF", "file:///music/DJ%20Koze/XTC.mp3",
+                                          "<key>Rating</key><integer>100</integer>"),
+                            musicPlaylistXml("Koze", "00000000000000F1", "", "", {7})));
   const auto first = orvel({"music", "migrate", "--xml", xml});
   EXPECT_EQ(first.code, 0) << first.err;
   EXPECT_EQ(first.out,
@@ -97,17 +79,17 @@ TEST_F(MusicCliTest, MigrationKeepsWhatTheUserSetAndIsUndoneAsOneOperation) {
   ASSERT_EQ(orvel({"rate", "5", id(c_)}).code, 0);
   ASSERT_EQ(orvel({"love", "--off", id(a_)}).code, 0);
   ASSERT_EQ(orvel({"dislike", "--off", id(b_)}).code, 0);
-  const std::string xml = write(libraryXml(
-      trackXml(7, "0123456789ABCDEF", "file:///music/DJ%20Koze/XTC.mp3",
-               "<key>Rating</key><integer>20</integer><key>Loved</key><true/>"
-               "<key>Play Count</key><integer>3</integer>") +
-          trackXml(8, "00000000000000A8", "file:///music/Floorplan/Never%20Grow%20Old.mp3",
-                   "<key>Rating</key><integer>80</integer><key>Loved</key><true/>"
-                   "<key>Play Count</key><integer>10</integer>") +
-          trackXml(9, "00000000000000A9", "file:///music/Moodymann/Shades%20of%20Jae.flac",
-                   "<key>Rating</key><integer>40</integer><key>Disliked</key><true/>"
-                   "<key>Play Count</key><integer>2</integer>"),
-      playlistXml("Koze", "00000000000000F1", {7, 8})));
+  const std::string xml = write(musicLibraryXml(
+      musicTrackXml(7, "0123456789ABCDEF", "file:///music/DJ%20Koze/XTC.mp3",
+                    "<key>Rating</key><integer>20</integer><key>Loved</key><true/>"
+                    "<key>Play Count</key><integer>3</integer>") +
+          musicTrackXml(8, "00000000000000A8", "file:///music/Floorplan/Never%20Grow%20Old.mp3",
+                        "<key>Rating</key><integer>80</integer><key>Loved</key><true/>"
+                        "<key>Play Count</key><integer>10</integer>") +
+          musicTrackXml(9, "00000000000000A9", "file:///music/Moodymann/Shades%20of%20Jae.flac",
+                        "<key>Rating</key><integer>40</integer><key>Disliked</key><true/>"
+                        "<key>Play Count</key><integer>2</integer>"),
+      musicPlaylistXml("Koze", "00000000000000F1", "", "", {7, 8})));
   const std::string before = state();
 
   const auto first = orvel({"music", "migrate", "--xml", xml});
@@ -147,9 +129,9 @@ TEST_F(MusicCliTest, MigrationKeepsWhatTheUserSetAndIsUndoneAsOneOperation) {
 
 TEST_F(MusicCliTest, NoSnapshotMeansNoMigration) {
   const std::string xml =
-      write(libraryXml(trackXml(7, "0123456789ABCDEF", "file:///music/DJ%20Koze/XTC.mp3",
-                                "<key>Rating</key><integer>100</integer>"),
-                       playlistXml("Koze", "00000000000000F1", {7})));
+      write(musicLibraryXml(musicTrackXml(7, "0123456789ABCDEF", "file:///music/DJ%20Koze/XTC.mp3",
+                                          "<key>Rating</key><integer>100</integer>"),
+                            musicPlaylistXml("Koze", "00000000000000F1", "", "", {7})));
   // A file where the snapshots folder should be: no copy can be written.
   std::ofstream(dir_ / "Snapshots") << "in the way";
   const std::string before = state();
