@@ -103,7 +103,7 @@ TEST_F(MusicMigrationTest, BringsInMarksAndPlaylistsOnceAndOnlyOnce) {
   EXPECT_THAT(progress, ElementsAre("Reading your Music library…", "Ratings, loved and play counts",
                                     "ratings: 4 of 5 tracks matched", "Disliked tracks",
                                     "dislikes: 1 of 1 disliked tracks matched", "Playlists",
-                                    "playlists: 4 written, 3 entries"));
+                                    "playlists: 4 in Music, 3 entries"));
 
   const auto id = [](int64_t v) { return std::to_string(v); };
   EXPECT_EQ(text("SELECT COALESCE(rating,'-') || ',' || COALESCE(loved,'-') || ',' || "

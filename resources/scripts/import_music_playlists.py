@@ -119,8 +119,8 @@ def main():
             members += len(wanted)
         return len(lists), members
 
-    written, members = ml.journaled(conn, args, work)
-    ml.progress(f"playlists: {written} written, {members} entries")
+    in_music, members = ml.journaled(conn, args, work)
+    ml.progress(f"playlists: {in_music} in Music, {members} entries")
 
 
 if __name__ == "__main__":

@@ -57,7 +57,7 @@ TEST_F(MusicCliTest, MigratePrintsProgressAndSummaryAndFailsWithoutALibrary) {
             "Reading your Music library…\nRatings, loved and play counts\n"
             "ratings: 1 of 1 tracks matched\nDisliked tracks\n"
             "dislikes: 0 of 0 disliked tracks matched\nPlaylists\n"
-            "playlists: 1 written, 1 entries\nBrought in 1 rated and 1 playlists." +
+            "playlists: 1 in Music, 1 entries\nBrought in 1 rated and 1 playlists." +
                 undoHint(opOf(first)) + "\n");
   const auto again = orvel({"music", "migrate", "--xml", xml});
   EXPECT_EQ(again.code, 0);
