@@ -10,6 +10,7 @@
 #include "app/app_paths.h"
 #include "app/klog.h"
 #include "core/store/locations.h"
+#include "core/text/split.h"
 
 namespace orvel::app {
 namespace fs = std::filesystem;
@@ -17,15 +18,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* kScript = "serato_crates.py";
-
-// The last line with something on it: the one a failing script ends with,
-// after any traceback.
-std::string lastLine(const std::string& text) {
-  size_t end = text.find_last_not_of(" \t\r\n");
-  if (end == std::string::npos) return {};
-  const size_t start = text.find_last_of('\n', end);
-  return text.substr(start == std::string::npos ? 0 : start + 1, end + 1 - (start + 1));
-}
 
 CrateExport::SendResult failed(const std::string& reason, int64_t crateId) {
   klog(fmt::format("serato send: crate {} failed: {}", crateId, reason));
@@ -68,7 +60,7 @@ CrateExport::RunResult CrateExport::runShell(const std::string& command) {
 }
 
 CrateExport::SendResult CrateExport::sendToSerato(const fs::path& database, int64_t crateId,
-                                                  const fs::path& seratoDir) {
+                                                  const fs::path& seratoDir, bool replace) {
   const fs::path dir = seratoDir.empty() ? locations::home() / "Music" / "_Serato_" : seratoDir;
   std::error_code ec;
   if (!fs::is_directory(dir / "Subcrates", ec)) {
@@ -89,17 +81,24 @@ CrateExport::SendResult CrateExport::sendToSerato(const fs::path& database, int6
   const auto script = AppPaths::script(kScript);
   if (!script) return failed(fmt::format("{} is missing", kScript), crateId);
 
-  const RunResult r =
-      run(AppPaths::python().string(),
-          AppPaths::pythonArgs({script->string(), "send", database.string(),
-                                std::to_string(crateId), "--serato-dir", dir.string()}));
+  std::vector<std::string> args = {script->string(),        "send",         database.string(),
+                                   std::to_string(crateId), "--serato-dir", dir.string()};
+  if (replace) args.emplace_back("--replace");
+  const RunResult r = run(AppPaths::python().string(), AppPaths::pythonArgs(std::move(args)));
   if (!r.started) return failed("Python did not start: " + r.err, crateId);
+  // The script's status for "nothing written, the user has a choice".
+  constexpr int kRefused = 3;
+  if (r.exitCode == kRefused) {
+    const std::string why(lastLine(r.err));
+    klog(fmt::format("serato send: crate {} refused: {}", crateId, why));
+    return {SendResult::Outcome::refused, "Not sent to Serato", why, {}};
+  }
   if (r.exitCode != 0) {
-    const std::string why = lastLine(r.err);
+    const std::string why(lastLine(r.err));
     return failed(why.empty() ? fmt::format("{} ended with status {}", kScript, r.exitCode) : why,
                   crateId);
   }
-  const std::string line = lastLine(r.out);
+  const std::string line(lastLine(r.out));
   klog(fmt::format("serato send: crate {}: {}", crateId, line));
   return {SendResult::Outcome::sent, "Sent to Serato", line, line};
 }

@@ -33,7 +33,9 @@ class CrateExport {
   };
 
   struct SendResult {
-    enum class Outcome { sent, notInstalled, seratoRunning, failed };
+    // refused: nothing written, the user decides (rename a crate, or replace
+    // a crate file Orvel did not write).
+    enum class Outcome { sent, notInstalled, seratoRunning, refused, failed };
     Outcome outcome = Outcome::failed;
     std::string title;    // for the user: a toast's or a dialog's heading
     std::string message;  // for the user: what happened
@@ -50,12 +52,14 @@ class CrateExport {
   static RunResult runShell(const std::string& command);
 
   // Writes the crate `crateId` of the catalogue at `database` into Serato's
-  // library folder `seratoDir` (empty: ~/Music/_Serato_) as its crate file.
-  // Refused, with nothing written, when the folder has no "Subcrates" or
-  // while Serato runs: it rewrites its crate files as it quits, and would
-  // drop ours.
+  // library folder `seratoDir` (empty: ~/Music/_Serato_) as its crate file,
+  // atomically and with the mode the file had. Refused, with nothing written,
+  // when the folder has no "Subcrates" or while Serato runs (it rewrites its
+  // crate files as it quits, and would drop ours); also when another crate of
+  // the catalogue maps to the same file, and when the file there is not one
+  // Orvel wrote, unless `replace` (which keeps the old file as a .bak copy).
   static SendResult sendToSerato(const std::filesystem::path& database, int64_t crateId,
-                                 const std::filesystem::path& seratoDir = {});
+                                 const std::filesystem::path& seratoDir = {}, bool replace = false);
 
   // exportXML of dj_xml_export.h.
   static XmlExportResult exportXML(const OrvelDB& db, std::span<const int64_t> crateIds,

@@ -112,9 +112,27 @@ TEST_F(CrateExportTest, NestedCrateReadsBackInSeratoWithItsOrder) {
   // A second send replaces the crate whole and leaves no temporary file.
   ASSERT_TRUE(db().playlists().reorderPlaylist(b, std::vector<int64_t>{t2, t3}));
   ASSERT_EQ(CrateExport::sendToSerato(dbPath(), b, serato).outcome, Outcome::sent);
-  EXPECT_THAT(entries(serato / "Subcrates"), ElementsAre("A%%B.crate"));
+  EXPECT_THAT(entries(serato / "Subcrates"), ElementsAre(".orvel-sent.json", "A%%B.crate"));
   library = SeratoLibrary::load(serato);
   EXPECT_THAT(library.crates[0].trackPaths, ElementsAre("/music/b c.flac", odd));
+
+  // A file Orvel did not write is the user's choice: refused, then replaced
+  // on request with every earlier copy kept.
+  const fs::path file = serato / "Subcrates/A%%B.crate";
+  std::ofstream(file, std::ios::trunc) << "not ours";
+  const auto refused = CrateExport::sendToSerato(dbPath(), b, serato);
+  EXPECT_EQ(refused.outcome, Outcome::refused);
+  EXPECT_THAT(refused.message, HasSubstr("--replace"));
+  EXPECT_EQ(readFile(file), "not ours");
+  const auto replaced = CrateExport::sendToSerato(dbPath(), b, serato, true);
+  ASSERT_EQ(replaced.outcome, Outcome::sent) << replaced.message;
+  EXPECT_THAT(replaced.output, HasSubstr("(the old file is kept as A%%B.crate.bak)"));
+  std::ofstream(file, std::ios::trunc) << "nor this";
+  ASSERT_EQ(CrateExport::sendToSerato(dbPath(), b, serato, true).outcome, Outcome::sent);
+  EXPECT_EQ(readFile(file.string() + ".bak"), "not ours");
+  EXPECT_EQ(readFile(file.string() + ".2.bak"), "nor this");
+  EXPECT_THAT(SeratoLibrary::load(serato).crates[0].trackPaths,
+              ElementsAre("/music/b c.flac", odd));
 }
 
 TEST_F(CrateExportTest, UnknownCrateFailsWithTheScriptsReason) {

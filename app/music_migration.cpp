@@ -5,13 +5,14 @@
 #include <QProcess>
 #include <QString>
 #include <QStringList>
-#include <algorithm>
+#include <memory>
 #include <system_error>
 
 #include "app/app_paths.h"
 #include "app/klog.h"
-#include "core/store/connection.h"
 #include "core/store/locations.h"
+#include "core/store/orvel_db.h"
+#include "core/text/split.h"
 
 namespace orvel::app {
 namespace fs = std::filesystem;
@@ -54,23 +55,29 @@ const std::vector<MusicMigration::Step>& MusicMigration::steps() {
   return table;
 }
 
-MusicMigration::Counts MusicMigration::counts(const fs::path& database) {
+MusicMigration::Counts MusicMigration::changes(const Connection& conn, const std::string& opId) {
   Counts c;
-  try {
-    Connection conn(database.string());
-    auto count = [&conn](std::string_view sql) {
-      return static_cast<int>(conn.scalarInt(sql).value_or(0));
-    };
-    c.rated = count("SELECT COUNT(*) FROM tracks WHERE rating > 0");
-    c.loved = count("SELECT COUNT(*) FROM tracks WHERE loved = 1");
-    c.disliked = count("SELECT COUNT(*) FROM tracks WHERE disliked = 1");
-    c.played = count("SELECT COUNT(*) FROM tracks WHERE play_count > 0");
-    c.playlists = count(
-        "SELECT COUNT(*) FROM playlists p JOIN sources s ON s.id = p.source_id "
-        "WHERE s.name = 'music'");
-  } catch (const std::exception& e) {
-    klog(fmt::format("music migration: cannot count in {}: {}", database.string(), e.what()));
+  Statement st = conn.prepare(
+      "SELECT entity, field, COUNT(*) FROM history WHERE op_id = ? AND (entity = 'tracks' OR "
+      "(entity = 'playlists' AND field = '@row' AND old_value IS NULL)) GROUP BY entity, field");
+  st.bind(1, opId);
+  while (st.step()) {
+    const std::string entity = st.text(0), field = st.text(1);
+    const int n = static_cast<int>(st.int64(2));
+    if (entity == "playlists") c.playlists = n;
+    if (entity != "tracks") continue;
+    if (field == "rating") c.rated = n;
+    if (field == "loved") c.loved = n;
+    if (field == "disliked") c.disliked = n;
+    if (field == "play_count") c.played = n;
   }
+  // Lists that existed before: any other entry for them is a change.
+  Statement updated = conn.prepare(
+      "SELECT COUNT(DISTINCT entity_id) FROM history WHERE op_id = ?1 AND entity = 'playlists' "
+      "AND entity_id NOT IN (SELECT entity_id FROM history WHERE op_id = ?1 AND "
+      "entity = 'playlists' AND field = '@row' AND old_value IS NULL)");
+  updated.bind(1, opId);
+  if (updated.step()) c.playlistsUpdated = static_cast<int>(updated.int64(0));
   return c;
 }
 
@@ -79,16 +86,18 @@ std::string MusicMigration::Summary::sentence() const {
   auto add = [&gains](int n, const char* what) {
     if (n > 0) gains.push_back(std::to_string(n) + what);
   };
-  add(gained.rated, " rated");
-  add(gained.loved, " loved");
-  add(gained.disliked, " disliked");
-  add(gained.played, " play counts");
-  add(gained.playlists, " playlists");
+  add(changed.rated, " rated");
+  add(changed.loved, " loved");
+  add(changed.disliked, " disliked");
+  add(changed.played, " play counts");
+  add(changed.playlists, " playlists");
 
   std::string out;
-  if (!gains.empty())
-    out = "Brought in " + joined(gains) + ".";
-  else if (failedSteps.empty())
+  if (!gains.empty()) out = "Brought in " + joined(gains) + ".";
+  if (changed.playlistsUpdated > 0)
+    out += (out.empty() ? "" : " ") +
+           fmt::format("Updated {} playlists to match Music.", changed.playlistsUpdated);
+  if (out.empty() && failedSteps.empty())
     out = "Nothing new to bring in — your library already has all of it.";
   if (!failedSteps.empty()) {
     if (!out.empty()) out += " ";
@@ -131,7 +140,31 @@ MusicMigration::Result MusicMigration::run(const Options& options) {
     return result;
   }
 
-  const Counts before = counts(options.database);
+  // The catalogue is opened here, on the thread that runs the migration, and
+  // only to take the snapshot, name the operation and read back what changed:
+  // the scripts write through their own connections.
+  std::unique_ptr<OrvelDB> db;
+  try {
+    db = std::make_unique<OrvelDB>(options.database.string());
+  } catch (const std::exception& e) {
+    result.error =
+        fmt::format("Cannot open the catalogue {}: {}", options.database.string(), e.what());
+    klog("music migration: " + *result.error);
+    return result;
+  }
+  const auto snapshot = db->snapshots().take(kSnapshotReason, 0);
+  if (!snapshot) {
+    result.error = fmt::format(
+        "Could not save a snapshot of the catalogue before the migration ({}), so nothing was "
+        "changed. Free some disk space or check the folder {}, then try again.",
+        db->snapshots().lastError(), db->snapshots().dir().string());
+    klog("music migration: " + *result.error);
+    return result;
+  }
+  result.snapshot = *snapshot;
+  result.opId = db->journal().begin(kOpName);
+  klog(fmt::format("music migration: snapshot {}, operation {}", snapshot->string(), result.opId));
+
   progress("Reading your Music library…");
   for (const Step& step : steps()) {
     if (cancelled_) break;
@@ -149,7 +182,8 @@ MusicMigration::Result MusicMigration::run(const Options& options) {
     }
     QStringList arguments;
     for (const std::string& a : AppPaths::pythonArgs(
-             {script->string(), "--db", options.database.string(), "--xml", xml.string()}))
+             {script->string(), "--db", options.database.string(), "--xml", xml.string(), "--op-id",
+              result.opId, "--op-name", std::string(kOpName)}))
       arguments << QString::fromStdString(a);
     QProcess process;
     process.start(QString::fromStdString(AppPaths::python().string()), arguments);
@@ -175,22 +209,24 @@ MusicMigration::Result MusicMigration::run(const Options& options) {
     for (const std::string& line : lines(pending, true)) progress(line);
     if (cancelled_) break;
 
-    const std::string err = process.readAllStandardError().trimmed().toStdString();
+    const std::string err = process.readAllStandardError().toStdString();
+    // The script's own words: its one line, or the last line of a traceback.
+    const std::string why(lastLine(err));
+    const std::string because = why.empty() ? "" : ": " + why;
     // After a crash Qt reports the signal as the exit code.
     if (process.exitStatus() != QProcess::NormalExit) {
-      fail(fmt::format("migration helper {} killed by signal {}", step.script, process.exitCode()));
+      fail(fmt::format("migration helper {} killed by signal {}{}", step.script, process.exitCode(),
+                       because));
     } else if (process.exitCode() != 0) {
-      klog(fmt::format("music migration: {}: {}", step.script, err));
-      fail(fmt::format("migration helper {} exited {}", step.script, process.exitCode()));
+      if (!err.empty()) klog(fmt::format("music migration: {}: {}", step.script, err));
+      fail(
+          fmt::format("migration helper {} exited {}{}", step.script, process.exitCode(), because));
     }
   }
   result.cancelled = cancelled_;
 
-  const Counts after = counts(options.database);
-  auto gain = [](int a, int b) { return std::max(0, b - a); };
-  result.summary.gained = {gain(before.rated, after.rated), gain(before.loved, after.loved),
-                           gain(before.disliked, after.disliked), gain(before.played, after.played),
-                           gain(before.playlists, after.playlists)};
+  result.summary.changed = changes(db->connection(), result.opId);
+  result.entries = static_cast<int>(db->journal().entries(result.opId).size());
   klog("music migration: " + result.summary.sentence() + (result.cancelled ? " (cancelled)" : ""));
   return result;
 }

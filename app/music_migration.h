@@ -5,6 +5,12 @@
 // commits on its own, so a failed step leaves the earlier ones in place and
 // running the whole migration again is always safe.
 //
+// What the user set in Orvel wins: Music only fills an empty rating or an
+// unset loved or disliked mark, and a play count only grows. The whole run is
+// one operation of the edit history (every step records its changes under
+// the same op id), taken after a snapshot of the catalogue, so one undo puts
+// back every value it changed.
+//
 // run() blocks until every step has finished: the command line calls it
 // directly, the window calls it on a worker thread and may cancel() from the
 // interface thread.
@@ -18,6 +24,10 @@
 #include <string_view>
 #include <vector>
 
+namespace orvel {
+class Connection;
+}
+
 namespace orvel::app {
 
 class MusicMigration {
@@ -28,14 +38,19 @@ class MusicMigration {
   };
   static const std::vector<Step>& steps();
 
-  // What the catalogue holds of what Music can bring.
+  static constexpr std::string_view kOpName = "Apple Music Migration";
+  static constexpr std::string_view kSnapshotReason = "before Apple Music migration";
+
+  // Values a run changed, read back from the history it wrote: ratings,
+  // loved and disliked marks filled, play counts raised, playlists created
+  // and playlists whose name, place or tracks changed.
   struct Counts {
-    int rated = 0, loved = 0, disliked = 0, played = 0, playlists = 0;
+    int rated = 0, loved = 0, disliked = 0, played = 0, playlists = 0, playlistsUpdated = 0;
   };
-  static Counts counts(const std::filesystem::path& database);
+  static Counts changes(const Connection& conn, const std::string& opId);
 
   struct Summary {
-    Counts gained{};                         // after minus before, never below 0
+    Counts changed{};
     std::vector<std::string> failedSteps{};  // their labels
     // One or two sentences for the user: what came in and what did not.
     std::string sentence() const;
@@ -48,12 +63,16 @@ class MusicMigration {
   };
 
   struct Result {
-    // Set when nothing could start (no library file, no Python): why, for the user.
+    // Set when nothing could start (no library file, no Python, no
+    // snapshot): why, for the user. Nothing was changed then.
     std::optional<std::string> error{};
     Summary summary{};
-    // Why each failed step failed, for the log and the command line.
+    // Why each failed step failed, with the script's own reason.
     std::vector<std::string> problems{};
     bool cancelled = false;
+    std::string opId{};                // the history operation of this run
+    int entries = 0;                   // history entries it wrote; 0: nothing changed
+    std::filesystem::path snapshot{};  // the copy taken before it
     bool ok() const { return !error && summary.failedSteps.empty() && !cancelled; }
   };
 

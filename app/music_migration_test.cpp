@@ -7,6 +7,7 @@
 
 #include "app/app_paths.h"
 #include "app/music_library_reader.h"
+#include "app/testing/music_library_xml.h"
 #include "core/store/connection.h"
 #include "core/store/statement.h"
 #include "core/testing/store_fixture.h"
@@ -17,60 +18,39 @@ namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::StartsWith;
 
-std::string trackXml(int id, const std::string& pid, const std::string& url,
-                     const std::string& more) {
-  return "<key>" + std::to_string(id) + "</key><dict><key>Track ID</key><integer>" +
-         std::to_string(id) + "</integer><key>Persistent ID</key><string>" + pid +
-         "</string><key>Location</key><string>" + url + "</string>" + more + "</dict>";
-}
-
-std::string playlistXml(const std::string& name, const std::string& pid, const std::string& parent,
-                        const std::string& more, std::vector<int> items = {}) {
-  std::string s = "<dict><key>Name</key><string>" + name +
-                  "</string><key>Playlist Persistent ID</key><string>" + pid + "</string>";
-  if (!parent.empty()) s += "<key>Parent Persistent ID</key><string>" + parent + "</string>";
-  s += more;
-  if (!items.empty()) {
-    s += "<key>Playlist Items</key><array>";
-    for (int i : items)
-      s += "<dict><key>Track ID</key><integer>" + std::to_string(i) + "</integer></dict>";
-    s += "</array>";
-  }
-  return s + "</dict>";
-}
+using app::testing::musicLibraryXml;
+using app::testing::musicPlaylistXml;
+using app::testing::musicTrackXml;
 
 // A library as Music exports it: Music's own lists, nested folders, a file
 // name in decomposed form, a track the catalogue lacks and one it knows only
 // by its persistent id.
 std::string libraryXml(std::vector<int> warmup = {102, 105, 101}) {
   const std::string yes = "<true/>";
-  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-         "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
-         "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
-         "<plist version=\"1.0\"><dict><key>Major Version</key><integer>1</integer>"
-         "<key>Tracks</key><dict>" +
-         trackXml(101, "1A2B3C4D5E6F7081", "file:///Music/My%20Songs/a%20b.mp3",
-                  "<key>Rating</key><integer>80</integer><key>Loved</key>" + yes +
-                      "<key>Play Count</key><integer>5</integer>") +
-         trackXml(102, "00000000000000C2", "file:///Music/Cafe%CC%81/STRA%C3%9FE.mp3",
-                  "<key>Rating</key><integer>60</integer><key>Rating Computed</key>" + yes +
-                      "<key>Play Count</key><integer>2</integer><key>Has Video</key>" + yes) +
-         trackXml(103, "ab", "file:///old/place.mp3",
-                  "<key>Rating</key><integer>40</integer><key>Favorited</key>" + yes) +
-         trackXml(104, "00000000000000D4", "file:///Music/played.mp3",
-                  "<key>Disliked</key>" + yes + "<key>Play Count</key><integer>3</integer>") +
-         trackXml(105, "00000000000000E5", "file:///Music/nothere.mp3",
-                  "<key>Rating</key><integer>100</integer><key>Loved</key>" + yes) +
-         "</dict><key>Playlists</key><array>" +
-         playlistXml("Library", "0000000000000001", "", "<key>Master</key>" + yes, {101, 102}) +
-         playlistXml("Music", "0000000000000002", "",
-                     "<key>Distinguished Kind</key><integer>4</integer>", {101}) +
-         // A child listed before its folder, as Music sometimes does.
-         playlistXml("Warmup", "00000000000000B3", "00000000000000B2", "", std::move(warmup)) +
-         playlistXml("Sets", "00000000000000B1", "", "<key>Folder</key>" + yes) +
-         playlistXml("2024", "00000000000000B2", "00000000000000B1", "<key>Folder</key>" + yes) +
-         playlistXml("Peak", "00000000000000B4", "", "", {103}) + "</array></dict></plist>\n";
+  return musicLibraryXml(
+      musicTrackXml(101, "1A2B3C4D5E6F7081", "file:///Music/My%20Songs/a%20b.mp3",
+                    "<key>Rating</key><integer>80</integer><key>Loved</key>" + yes +
+                        "<key>Play Count</key><integer>5</integer>") +
+          musicTrackXml(102, "00000000000000C2", "file:///Music/Cafe%CC%81/STRA%C3%9FE.mp3",
+                        "<key>Rating</key><integer>60</integer><key>Rating Computed</key>" + yes +
+                            "<key>Play Count</key><integer>2</integer><key>Has Video</key>" + yes) +
+          musicTrackXml(103, "ab", "file:///old/place.mp3",
+                        "<key>Rating</key><integer>40</integer><key>Favorited</key>" + yes) +
+          musicTrackXml(104, "00000000000000D4", "file:///Music/played.mp3",
+                        "<key>Disliked</key>" + yes + "<key>Play Count</key><integer>3</integer>") +
+          musicTrackXml(105, "00000000000000E5", "file:///Music/nothere.mp3",
+                        "<key>Rating</key><integer>100</integer><key>Loved</key>" + yes),
+      musicPlaylistXml("Library", "0000000000000001", "", "<key>Master</key>" + yes, {101, 102}) +
+          musicPlaylistXml("Music", "0000000000000002", "",
+                           "<key>Distinguished Kind</key><integer>4</integer>", {101}) +
+          // A child listed before its folder, as Music sometimes does.
+          musicPlaylistXml("Warmup", "00000000000000B3", "00000000000000B2", "", warmup) +
+          musicPlaylistXml("Sets", "00000000000000B1", "", "<key>Folder</key>" + yes) +
+          musicPlaylistXml("2024", "00000000000000B2", "00000000000000B1",
+                           "<key>Folder</key>" + yes) +
+          musicPlaylistXml("Peak", "00000000000000B4", "", "", {103}));
 }
 
 class MusicMigrationTest : public orvel::testing::StoreTest {
@@ -90,12 +70,11 @@ class MusicMigrationTest : public orvel::testing::StoreTest {
     sql("UPDATE tracks SET play_count = 50 WHERE id = " + std::to_string(played_));
   }
   void sql(const std::string& statement) { Connection(dbPath()).execIgnoring(statement); }
-  std::string text(const std::string& query) {
-    Connection conn(dbPath());
-    Statement st = conn.prepare(query);
-    std::string out;
-    while (st.step()) out += (out.empty() ? "" : "|") + st.text(0);
-    return out;
+  std::string text(const std::string& query) { return rows(query); }
+  // Everything a migration may touch.
+  std::string state() const {
+    return tableText("tracks") + tableText("playlists") + tableText("playlist_tracks") +
+           tableText("sources");
   }
   MusicMigration::Result migrate(std::vector<std::string>* progress = nullptr) {
     MusicMigration migration;
@@ -109,15 +88,22 @@ class MusicMigrationTest : public orvel::testing::StoreTest {
 };
 
 TEST_F(MusicMigrationTest, BringsInMarksAndPlaylistsOnceAndOnlyOnce) {
+  const std::string before = state();
   std::vector<std::string> progress;
   const auto first = migrate(&progress);
   ASSERT_TRUE(first.ok()) << first.summary.sentence();
+  // The copy taken first holds the catalogue as it was.
+  ASSERT_TRUE(fs::is_regular_file(first.snapshot));
+  EXPECT_EQ(Connection(first.snapshot.string())
+                .scalarInt("SELECT COUNT(*) FROM tracks WHERE rating > 0 OR loved = 1")
+                .value_or(-1),
+            0);
   EXPECT_EQ(first.summary.sentence(),
             "Brought in 2 rated, 2 loved, 1 disliked, 2 play counts and 4 playlists.");
   EXPECT_THAT(progress, ElementsAre("Reading your Music library…", "Ratings, loved and play counts",
                                     "ratings: 4 of 5 tracks matched", "Disliked tracks",
                                     "dislikes: 1 of 1 disliked tracks matched", "Playlists",
-                                    "playlists: 4 written, 3 entries"));
+                                    "playlists: 4 in Music, 3 entries"));
 
   const auto id = [](int64_t v) { return std::to_string(v); };
   EXPECT_EQ(text("SELECT COALESCE(rating,'-') || ',' || COALESCE(loved,'-') || ',' || "
@@ -140,19 +126,34 @@ TEST_F(MusicMigrationTest, BringsInMarksAndPlaylistsOnceAndOnlyOnce) {
   EXPECT_EQ(text(of("Warmup")), id(cafe_) + "," + id(a_));
   EXPECT_EQ(text(of("Peak")), id(moved_));
 
+  // The whole run, nested folders and the Music source included, is one
+  // operation: undone, the catalogue is as it was; redone, as the run left it.
+  const std::string migrated = state();
+  ASSERT_EQ(db().journal().operations(10).size(), 1U);
+  EXPECT_EQ(db().journal().operations(10)[0].id, first.opId);
+  EXPECT_EQ(db().journal().operations(10)[0].opName, "Apple Music Migration");
+  ASSERT_TRUE(db().journal().undo(first.opId));
+  EXPECT_EQ(state(), before);
+  ASSERT_TRUE(db().journal().redo(first.opId));
+  EXPECT_EQ(state(), migrated);
+
   const auto second = migrate();
   ASSERT_TRUE(second.ok());
   EXPECT_EQ(second.summary.sentence(),
             "Nothing new to bring in — your library already has all of it.");
-  EXPECT_EQ(text("SELECT COUNT(*) FROM playlists"), "4");
-  EXPECT_EQ(text("SELECT COUNT(*) FROM playlist_tracks"), "3");
-  EXPECT_EQ(text("SELECT COUNT(*) FROM sources WHERE name = 'music'"), "1");
+  EXPECT_EQ(second.entries, 0);
+  EXPECT_EQ(state(), migrated);
 
-  // Members follow Music: reordered and dropped there, the same here.
+  // Members follow Music: reordered and dropped there, the same here, and
+  // undone with the run that changed them.
   std::ofstream(xml_, std::ios::trunc) << libraryXml({101});
-  ASSERT_TRUE(migrate().ok());
+  const auto third = migrate();
+  ASSERT_TRUE(third.ok());
+  EXPECT_EQ(third.summary.sentence(), "Updated 1 playlists to match Music.");
   EXPECT_EQ(text(of("Warmup")), id(a_));
   EXPECT_EQ(text("SELECT COUNT(*) FROM playlist_tracks"), "2");
+  ASSERT_TRUE(db().journal().undo(third.opId));
+  EXPECT_EQ(state(), migrated);
 }
 
 TEST_F(MusicMigrationTest, NothingRunsWithoutTheLibraryFile) {
@@ -173,9 +174,12 @@ TEST_F(MusicMigrationTest, NothingRunsWithoutTheLibraryFile) {
   const auto broken = migrate();
   EXPECT_THAT(broken.summary.failedSteps,
               ElementsAre("Ratings, loved and play counts", "Disliked tracks", "Playlists"));
-  EXPECT_THAT(broken.problems, ElementsAre("migration helper import_music_ratings.py exited 1",
-                                           "migration helper import_music_dislikes.py exited 1",
-                                           "migration helper import_music_playlists.py exited 1"));
+  // Each with the script's own reason.
+  const std::string why = ": cannot read the Music library " + xml_.string();
+  EXPECT_THAT(broken.problems,
+              ElementsAre(StartsWith("migration helper import_music_ratings.py exited 1" + why),
+                          StartsWith("migration helper import_music_dislikes.py exited 1" + why),
+                          StartsWith("migration helper import_music_playlists.py exited 1" + why)));
   EXPECT_EQ(text("SELECT COUNT(*) FROM playlists p JOIN sources s ON s.id = p.source_id "
                  "WHERE s.name = 'music'"),
             "0");
@@ -184,7 +188,9 @@ TEST_F(MusicMigrationTest, NothingRunsWithoutTheLibraryFile) {
 TEST_F(MusicMigrationTest, AFailedStepIsNamedAndTheOthersStillRun) {
   const fs::path scripts = dir_ / "resources" / "scripts";
   fs::create_directories(scripts);
-  std::ofstream(scripts / "import_music_ratings.py") << "import sys\nsys.exit(3)\n";
+  std::ofstream(scripts / "import_music_ratings.py")
+      << "import sys\nprint('Traceback:', file=sys.stderr)\n"
+         "print('the catalogue is locked', file=sys.stderr)\nsys.exit(3)\n";
   std::ofstream(scripts / "import_music_dislikes.py")
       << "import os, signal\nos.kill(os.getpid(), signal.SIGKILL)\n";
   setenv("ORVEL_RESOURCES", (dir_ / "resources").c_str(), 1);
@@ -192,9 +198,10 @@ TEST_F(MusicMigrationTest, AFailedStepIsNamedAndTheOthersStillRun) {
   unsetenv("ORVEL_RESOURCES");
 
   EXPECT_FALSE(result.ok());
-  EXPECT_THAT(result.problems,
-              ElementsAre("migration helper import_music_ratings.py exited 3",
-                          "migration helper import_music_dislikes.py killed by signal 9"));
+  EXPECT_THAT(
+      result.problems,
+      ElementsAre("migration helper import_music_ratings.py exited 3: the catalogue is locked",
+                  "migration helper import_music_dislikes.py killed by signal 9"));
   EXPECT_EQ(result.summary.sentence(),
             "Brought in 4 playlists. Ratings, loved and play counts and Disliked tracks did not "
             "come across — see the log.");
@@ -204,9 +211,11 @@ TEST(MusicMigrationSummary, SaysWhatFailedEvenWhenNothingCame) {
   MusicMigration::Summary s;
   s.failedSteps = {"Playlists"};
   EXPECT_EQ(s.sentence(), "Playlists did not come across — see the log.");
-  s.gained.loved = 1;
+  s.changed.loved = 1;
   s.failedSteps.clear();
   EXPECT_EQ(s.sentence(), "Brought in 1 loved.");
+  s.changed.playlistsUpdated = 2;
+  EXPECT_EQ(s.sentence(), "Brought in 1 loved. Updated 2 playlists to match Music.");
 }
 
 // ---- reading the library directly --------------------------------------------

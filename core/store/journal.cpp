@@ -523,7 +523,10 @@ const std::vector<std::string>& Journal::writable(std::string_view entity) {
       "serato_label", "studio_status", "studio_note", "equalizer", "description", "category",
       "release_date", "lyrics",
       // the file facts a relink moves from the row its file was found under
-      "filename", "filesize_bytes", "file_type", "bitrate_kbps", "samplerate_hz", "date_created"};
+      "filename", "filesize_bytes", "file_type", "bitrate_kbps", "samplerate_hz", "date_created",
+      // not the user's, but the Apple Music migration records a track's
+      // persistent id as it matches it, and its undo must take that back too
+      "music_pid"};
   static const std::vector<std::string> kPlaylists = {"name", "parent_id", "color", "sort_order",
                                                       "kind"};
   static const std::vector<std::string> kCues = {"position_ms", "length_ms", "color", "name",

@@ -66,6 +66,32 @@ class StoreTest : public ::testing::Test {
     const auto v = db().tracks().fieldValues(column, std::vector<int64_t>{id});
     return v.empty() ? "<no row>" : v.front();
   }
+  // The first column of every row of `query` joined by "|", read through a
+  // connection of its own (so it also sees what other processes wrote).
+  std::string rows(const std::string& query) const {
+    Connection conn(dbPath());
+    Statement st = conn.prepare(query);
+    std::string out;
+    while (st.step()) out += (out.empty() ? "" : "|") + st.text(0);
+    return out;
+  }
+  // Every row of a table, every column, NULL told apart from "", in the
+  // order of their values (not of their row ids, which undo and redo may
+  // change): for comparing a catalogue with itself before and after.
+  std::string tableText(const std::string& table) const {
+    Connection conn(dbPath());
+    const int columns = sqlite3_column_count(conn.prepare("SELECT * FROM " + table).get());
+    std::string order;
+    for (int c = 1; c <= columns; ++c) order += (c > 1 ? "," : "") + std::to_string(c);
+    Statement st = conn.prepare("SELECT * FROM " + table + " ORDER BY " + order);
+    std::string out = table + ":";
+    while (st.step()) {
+      out += "\n";
+      for (int c = 0; c < columns; ++c)
+        out += (c ? "," : "") + (st.isNull(c) ? std::string("NULL") : st.text(c));
+    }
+    return out + "\n";
+  }
 
   TempDir dir_;
   std::unique_ptr<OrvelDB> db_;

@@ -25,6 +25,14 @@ std::string_view trim(std::string_view text) {
   return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
+std::string_view lastLine(std::string_view text) {
+  const size_t end = text.find_last_not_of(" \t\r\n");
+  if (end == std::string_view::npos) return {};
+  const size_t newline = text.find_last_of('\n', end);
+  const size_t start = newline == std::string_view::npos ? 0 : newline + 1;
+  return text.substr(start, end + 1 - start);
+}
+
 std::string_view lastPathComponent(std::string_view path) {
   const auto slash = path.find_last_of('/');
   return slash == std::string_view::npos ? path : path.substr(slash + 1);

@@ -13,6 +13,10 @@ std::vector<std::string_view> split(std::string_view text, char separator);
 // The text without leading and trailing blanks (space, tab, CR, LF).
 std::string_view trim(std::string_view text);
 
+// The last line that has something on it, without its trailing blanks: the
+// one a failing program ends with, after any traceback.
+std::string_view lastLine(std::string_view text);
+
 // What follows the last "/" of a path (the whole text when there is none).
 std::string_view lastPathComponent(std::string_view path);
 

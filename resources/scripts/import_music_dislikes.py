@@ -1,9 +1,11 @@
 #!/usr/bin/env python3
 """Marks the tracks disliked in Music as disliked in the catalogue.
 
-    import_music_dislikes.py --db DB --xml LIBRARY_XML
+    import_music_dislikes.py --db DB --xml LIBRARY_XML --op-id ID --op-name NAME
 
-A dislike is only ever added: one the user set here stays.
+A dislike only fills a track whose disliked mark was never set (NULL; a 0 is
+the user clearing it here) and that the user has not loved. Every change is
+recorded in the history under the given operation.
 
 Exit status: 0 done, 1 failed (one line on stderr saying why), 2 bad usage.
 """
@@ -20,8 +22,8 @@ def main():
     library = ml.load_library(args.xml)
     conn = ml.open_catalogue(args.db)
 
-    def work():
-        matcher = ml.Matcher(conn)
+    def work(history):
+        matcher = ml.Matcher(conn, history)
         disliked = marked = 0
         for _, pid, path, track in ml.tracks(library):
             if track.get("Disliked") is not True:
@@ -29,11 +31,12 @@ def main():
             disliked += 1
             row = matcher.find(pid, path)
             if row is not None:
-                conn.execute("UPDATE tracks SET disliked = 1 WHERE id = ?", (row,))
+                history.fill("tracks", row, "disliked", 1,
+                             when="disliked IS NULL AND COALESCE(loved, 0) = 0")
                 marked += 1
         return disliked, marked
 
-    disliked, marked = ml.in_transaction(conn, work)
+    disliked, marked = ml.journaled(conn, args, work)
     ml.progress(f"dislikes: {marked} of {disliked} disliked tracks matched")
 
 

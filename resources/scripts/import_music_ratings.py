@@ -1,10 +1,14 @@
 #!/usr/bin/env python3
 """Brings Music's star ratings, loved marks and play counts into the catalogue.
 
-    import_music_ratings.py --db DB --xml LIBRARY_XML
+    import_music_ratings.py --db DB --xml LIBRARY_XML --op-id ID --op-name NAME
 
-Ratings Music computed from an album's rating are not the user's and are
-skipped. A play count only ever grows: plays counted here since are kept.
+What the user set here wins: Music's rating only fills a track without one
+(NULL or 0), and its loved mark one whose loved mark was never set (NULL; a
+0 is the user's "unloved") and that is not disliked. Ratings Music computed
+from an album's rating are not the user's and are skipped. A play count only
+ever grows: plays counted here since are kept. Every change is recorded in the
+history under the given operation.
 
 Exit status: 0 done, 1 failed (one line on stderr saying why), 2 bad usage.
 """
@@ -25,8 +29,8 @@ def main():
     library = ml.load_library(args.xml)
     conn = ml.open_catalogue(args.db)
 
-    def work():
-        matcher = ml.Matcher(conn)
+    def work(history):
+        matcher = ml.Matcher(conn, history)
         total = matched = 0
         for _, pid, path, track in ml.tracks(library):
             total += 1
@@ -35,19 +39,20 @@ def main():
                 continue
             matched += 1
             rating = number(track.get("Rating"))
-            if rating is not None and not track.get("Rating Computed"):
-                conn.execute("UPDATE tracks SET rating = ? WHERE id = ?",
-                             (max(0, min(100, rating)), row))
+            # Music's 0 is "no rating", never a value to bring in.
+            if rating is not None and rating > 0 and not track.get("Rating Computed"):
+                history.fill("tracks", row, "rating", min(100, rating),
+                             when="COALESCE(rating, 0) = 0")
             if track.get("Loved") is True or track.get("Favorited") is True:
-                conn.execute("UPDATE tracks SET loved = 1 WHERE id = ?", (row,))
+                history.fill("tracks", row, "loved", 1,
+                             when="loved IS NULL AND COALESCE(disliked, 0) = 0")
             plays = number(track.get("Play Count"))
-            if plays:
-                conn.execute(
-                    "UPDATE tracks SET play_count = ? WHERE id = ? AND COALESCE(play_count, 0) < ?",
-                    (plays, row, plays))
+            if plays is not None and plays > 0:
+                history.fill("tracks", row, "play_count", plays,
+                             when="COALESCE(play_count, 0) < ?", params=(plays,))
         return total, matched
 
-    total, matched = ml.in_transaction(conn, work)
+    total, matched = ml.journaled(conn, args, work)
     ml.progress(f"ratings: {matched} of {total} tracks matched")
 
 

@@ -1,21 +1,32 @@
 #!/usr/bin/env python3
 """Writes crates of the Orvel catalogue into Serato's library folder.
 
-    serato_crates.py send DB CRATE [--serato-dir DIR]
+    serato_crates.py send DB CRATE [--serato-dir DIR] [--replace]
 
 DB is the catalogue (opened read-only); CRATE a playlist id or the names from
 the top level down joined by " / ". The crate becomes
-DIR/Subcrates/<names joined by "%%">.crate, replaced whole.
+DIR/Subcrates/<names joined by "%%">.crate, replaced whole, its file mode kept.
 
-Exit status: 0 sent, 1 failed (one line on stderr saying why), 2 bad usage.
+A crate file this program did not write (Serato's own, or one whose tracks
+were changed in Serato since) is only replaced with --replace, which first
+keeps the old file as <name>.crate.bak. A crate whose file name another crate
+or playlist of the catalogue would also get, or that Serato would read back as
+a different crate, is never written.
+
+Exit status: 0 sent, 1 failed, 2 bad usage, 3 refused with nothing written
+(each failure and refusal is one line on stderr saying why and what to do).
 """
 
 import argparse
+import hashlib
+import json
 import os
 import sqlite3
+import stat
 import struct
 import sys
 import tempfile
+import unicodedata
 import urllib.parse
 
 # The columns a crate we write shows in Serato, in this order.
@@ -26,6 +37,10 @@ PATH_SEPARATOR = " / "
 
 class SendError(Exception):
     """A failure the user is told about in one line."""
+
+
+class Refused(SendError):
+    """Nothing was written, and the user has a choice to make."""
 
 
 # ---- Serato's tag-length-value records ---------------------------------------
@@ -49,6 +64,44 @@ def crate_bytes(paths):
         # Serato keeps paths relative to the root of their volume.
         out.append(record("otrk", text_record("ptrk", path.lstrip("/"))))
     return b"".join(out)
+
+
+def records(data):
+    """The (tag, payload) records of TLV bytes, or None when they do not
+    parse whole."""
+    out, at = [], 0
+    while at < len(data):
+        if at + 8 > len(data):
+            return None
+        tag = data[at:at + 4]
+        (length,) = struct.unpack(">I", data[at + 4:at + 8])
+        if at + 8 + length > len(data):
+            return None
+        out.append((tag, data[at + 8:at + 8 + length]))
+        at += 8 + length
+    return out
+
+
+def crate_tracks(data):
+    """The track paths of a crate file in order, or None when it is not one."""
+    top = records(data)
+    if not top or top[0][0] != b"vrsn":
+        return None
+    paths = []
+    for tag, payload in top:
+        if tag != b"otrk":
+            continue
+        for inner_tag, value in records(payload) or []:
+            if inner_tag == b"ptrk":
+                try:
+                    paths.append(value.decode("utf-16-be"))
+                except UnicodeDecodeError:
+                    return None
+    return paths
+
+
+def track_fingerprint(paths):
+    return hashlib.sha256("\0".join(paths).encode("utf-8")).hexdigest()
 
 
 # ---- the catalogue -----------------------------------------------------------
@@ -93,17 +146,20 @@ def find_crate(conn, crate):
     return found
 
 
-def name_chain(conn, crate_id):
+def playlist_tree(conn):
+    """id -> (name, parent id) of every playlist and crate."""
+    return {row[0]: (row[1], row[2])
+            for row in conn.execute("SELECT id, name, parent_id FROM playlists")}
+
+
+def name_chain(tree, crate_id):
     names, seen = [], set()
     at = crate_id
     # A damaged tree could hold a cycle; each node is visited once.
-    while at is not None and at not in seen:
+    while at in tree and at not in seen:
         seen.add(at)
-        row = conn.execute("SELECT name, parent_id FROM playlists WHERE id = ?", (at,)).fetchone()
-        if row is None:
-            break
-        names.append(row[0])
-        at = row[1]
+        name, at = tree[at]
+        names.append(name)
     names.reverse()
     return names
 
@@ -125,23 +181,128 @@ def member_paths(conn, crate_id):
     return paths
 
 
-# ---- writing -----------------------------------------------------------------
+# ---- the file name -------------------------------------------------------------
+
+SEPARATOR = "%%"  # Serato's: Parent%%Child.crate is the crate Child inside Parent
+
+
+def level_name(name):
+    # A "/" cannot be part of a file name. It is written as ":", the way macOS
+    # itself keeps a "/" typed into a name in the Finder, rather than replaced
+    # by a character a name may hold anyway ("a/b" and "a-b" stay apart).
+    return name.replace("/", ":")
 
 
 def crate_file_name(names):
-    # "%%" separates the levels of the chain; a "/" would make a folder.
-    return "%%".join(name.replace("/", "-") for name in names) + ".crate"
+    return SEPARATOR.join(level_name(name) for name in names) + ".crate"
 
 
-def write_whole(target, data):
+def read_back(file_name):
+    """The chain of names Serato reads from a crate's file name."""
+    return file_name[:-len(".crate")].split(SEPARATOR)
+
+
+def same_file(file_name, folds_case):
+    # What the volume cannot tell apart names one file: composed and
+    # decomposed accents everywhere, upper and lower case where it folds them.
+    key = unicodedata.normalize("NFC", file_name)
+    return key.casefold() if folds_case else key
+
+
+def folds_case(folder):
+    flipped = os.path.join(os.path.dirname(folder), os.path.basename(folder).swapcase())
+    return flipped != folder and os.path.isdir(flipped)
+
+
+def check_name(tree, crate_id, names, file_name, subcrates):
+    """Refuses a crate Serato would not read back as itself, or whose file
+    another crate or playlist of the catalogue would be written to."""
+    path = PATH_SEPARATOR.join(names)
+    if any(name == "" for name in names):
+        raise Refused(f'"{path}" has a crate without a name; name it in Orvel, then send again')
+    if read_back(file_name) != [level_name(name) for name in names]:
+        raise Refused(
+            f'Serato would read {file_name} as "{PATH_SEPARATOR.join(read_back(file_name))}", not '
+            f'"{path}": rename it in Orvel so no name holds "%%" or begins or ends with "%", '
+            "then send again")
+    fold = folds_case(subcrates)
+    key = same_file(file_name, fold)
+    for other in sorted(tree):
+        if other != crate_id and same_file(crate_file_name(name_chain(tree, other)), fold) == key:
+            raise Refused(
+                f'"{path}" and "{PATH_SEPARATOR.join(name_chain(tree, other))}" (#{other}) would '
+                f"both be written as {os.path.join(subcrates, file_name)}; rename one of them in "
+                "Orvel, then send again")
+
+
+# ---- what this program wrote --------------------------------------------------
+#
+# A crate file is replaced without asking only when nothing in it would be
+# lost: it holds exactly what would be written now, or it holds the tracks
+# this program last wrote to that file name. The second test looks at the
+# track list, not the bytes, because Serato rewrites crate files as it quits
+# (column widths, sort order) without the user changing anything; a crate
+# whose tracks the user changed in Serato, or one Serato made itself, reads
+# as foreign. What was written is kept beside the crates, where it travels
+# with the folder (an external drive has its own _Serato_), one fingerprint
+# of the track list per file name: a record kept in the catalogue would
+# vouch for a folder it no longer matches once the drive moves to another
+# computer.
+
+RECORD = ".orvel-sent.json"
+
+
+def load_record(subcrates):
+    try:
+        with open(os.path.join(subcrates, RECORD), encoding="utf-8") as f:
+            record = json.load(f)
+    except (OSError, ValueError):
+        return {}
+    files = record.get("files") if isinstance(record, dict) else None
+    return files if isinstance(files, dict) else {}
+
+
+def save_record(subcrates, file_name, paths):
+    files = load_record(subcrates)
+    files[file_name] = {"tracks": track_fingerprint(paths)}
+    data = json.dumps({"files": files}, ensure_ascii=False, indent=1, sort_keys=True)
+    target = os.path.join(subcrates, RECORD)
+    write_whole(target, (data + "\n").encode("utf-8"), file_mode(target))
+
+
+def written_here(old, new, entry):
+    if old == new:
+        return True
+    if not isinstance(entry, dict):
+        return False
+    tracks = crate_tracks(old)
+    return tracks is not None and track_fingerprint(tracks) == entry.get("tracks")
+
+
+# ---- writing -----------------------------------------------------------------
+
+
+def file_mode(target):
+    """The mode of the file there, else what a new file gets under the umask."""
+    try:
+        return stat.S_IMODE(os.stat(target).st_mode)
+    except FileNotFoundError:
+        mask = os.umask(0)
+        os.umask(mask)
+        return 0o666 & ~mask
+
+
+def write_whole(target, data, mode):
     # Serato may read the folder at any moment: it sees the old crate or the
-    # new one, never half of one.
+    # new one, never half of one. The temporary file is made private; it gets
+    # the mode the crate should have before it takes the crate's name.
     folder = os.path.dirname(target)
     fd, temp = tempfile.mkstemp(prefix=".orvel-", suffix=".tmp", dir=folder)
     try:
         with os.fdopen(fd, "wb") as out:
             out.write(data)
             out.flush()
+            os.fchmod(out.fileno(), mode)
             os.fsync(out.fileno())
         os.replace(temp, target)
     except BaseException:
@@ -152,26 +313,66 @@ def write_whole(target, data):
         raise
 
 
-def send(db, crate, serato_dir):
+def backup_name(target):
+    # An earlier backup may be the only copy of what Serato had; it stays.
+    candidate, n = target + ".bak", 1
+    while os.path.lexists(candidate):
+        n += 1
+        candidate = f"{target}.{n}.bak"
+    return candidate
+
+
+def send(db, crate, serato_dir, replace=False):
     subcrates = os.path.join(os.path.abspath(serato_dir), "Subcrates")
     if not os.path.isdir(subcrates):
         raise SendError(f"no Serato crate folder at {subcrates}")
     conn = open_catalogue(db)
     try:
         crate_id = find_crate(conn, crate)
-        names = name_chain(conn, crate_id)
+        tree = playlist_tree(conn)
         paths = member_paths(conn, crate_id)
     except sqlite3.Error as error:
         raise SendError(f"cannot read the catalogue {db}: {error}") from None
     finally:
         conn.close()
-    target = os.path.join(subcrates, crate_file_name(names))
+    names = name_chain(tree, crate_id)
+    file_name = crate_file_name(names)
+    check_name(tree, crate_id, names, file_name, subcrates)
+    target = os.path.join(subcrates, file_name)
+    data = crate_bytes(paths)
+    written = [path.lstrip("/") for path in paths]
+
     try:
-        write_whole(target, crate_bytes(paths))
+        with open(target, "rb") as f:
+            old = f.read()
+    except FileNotFoundError:
+        old = None
+    except OSError as error:
+        raise SendError(f"cannot read {target}: {error.strerror or error}") from None
+    kept = None
+    if old is not None and not written_here(old, data, load_record(subcrates).get(file_name)):
+        if not replace:
+            raise Refused(
+                f"{target} was not written by Orvel (Serato made it, or its tracks were changed "
+                "in Serato since); send again with --replace to replace it (the old file is kept "
+                "as a .bak copy)")
+        kept = backup_name(target)
+    mode = file_mode(target)
+    try:
+        if kept:
+            write_whole(kept, old, mode)
+        write_whole(target, data, mode)
     except OSError as error:
         raise SendError(f"cannot write {target}: {error.strerror or error}") from None
+    try:
+        save_record(subcrates, file_name, written)
+    except OSError as error:
+        # The crate is there; only the next send will ask for --replace.
+        print(f"could not note what was written in {RECORD}: {error.strerror or error}",
+              file=sys.stderr)
     noun = "track" if len(paths) == 1 else "tracks"
-    return f'Sent "{PATH_SEPARATOR.join(names)}": {len(paths)} {noun} -> {target}'
+    also = f" (the old file is kept as {os.path.basename(kept)})" if kept else ""
+    return f'Sent "{PATH_SEPARATOR.join(names)}": {len(paths)} {noun} -> {target}{also}'
 
 
 def main(argv=None):
@@ -186,9 +387,17 @@ def main(argv=None):
         default=os.path.join(os.path.expanduser("~"), "Music", "_Serato_"),
         help="Serato's library folder (default: ~/Music/_Serato_)",
     )
+    send_parser.add_argument(
+        "--replace",
+        action="store_true",
+        help="replace a crate file Orvel did not write, keeping it as a .bak copy",
+    )
     args = parser.parse_args(argv)
     try:
-        print(send(args.db, args.crate, args.serato_dir))
+        print(send(args.db, args.crate, args.serato_dir, args.replace))
+    except Refused as refusal:
+        print(str(refusal), file=sys.stderr)
+        return 3
     except SendError as error:
         print(str(error), file=sys.stderr)
         return 1

@@ -1,4 +1,7 @@
+#include <sys/stat.h>
+
 #include <fstream>
+#include <iterator>
 
 #include "core/formats/serato_library.h"
 #include "core/testing/serato_bytes.h"
@@ -73,6 +76,108 @@ TEST_F(SeratoCliTest, SendWritesACrateThatReadsBackInOrder) {
   EXPECT_THAT(lib.crates[0].nameChain, ElementsAre("Sets", "Warm-up"));
   EXPECT_THAT(lib.crates[0].trackPaths,
               ElementsAre("/music/DJ Koze/XTC.mp3", "/music/Floorplan/Never Grow Old.mp3"));
+}
+
+Bytes readBytes(const std::filesystem::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::filesystem::perms permsOf(const std::filesystem::path& file) {
+  return std::filesystem::status(file).permissions() & std::filesystem::perms::mask;
+}
+
+std::vector<std::string> trackPaths(const std::filesystem::path& serato,
+                                    const std::vector<std::string>& chain) {
+  writeBytes(serato / "database V2", {});
+  for (const SeratoCrate& crate : SeratoLibrary::load(serato).crates)
+    if (crate.nameChain == chain) return crate.trackPaths;
+  return {"<no such crate>"};
+}
+
+// Serato's own crate files are only replaced when asked, with a copy kept; the
+// file keeps its mode, and a new one gets the usual mode.
+TEST_F(SeratoCliTest, SendNeverReplacesAFileOrvelDidNotWrite) {
+  namespace fs = std::filesystem;
+  const mode_t umaskBefore = ::umask(022);
+  const fs::path serato = dir_ / "_Serato_";
+  fs::create_directories(serato / "Subcrates");
+  // A new crate file gets the mode any new file gets; a later send keeps the
+  // mode the user gave it.
+  const fs::path sets = serato / "Subcrates" / "Sets.crate";
+  ASSERT_EQ(orvel({"serato", "send", "Sets", "--serato-dir", serato.string()}).code, 0);
+  EXPECT_EQ(permsOf(sets), fs::perms(0644));
+  fs::permissions(sets, fs::perms(0640));
+  ASSERT_EQ(orvel({"serato", "send", "Sets", "--serato-dir", serato.string()}).code, 0);
+  EXPECT_EQ(permsOf(sets), fs::perms(0640));
+
+  const fs::path file = serato / "Subcrates" / "Sets%%Warm-up.crate";
+  const Bytes theirs = seratoCrate({"/music/new.mp3"});
+  writeBytes(file, theirs);
+  fs::permissions(file, fs::perms(0640));
+  const std::vector<std::string> send = {"serato", "send", "Sets / Warm-up", "--serato-dir",
+                                         serato.string()};
+
+  const Result refused = orvel(send);
+  EXPECT_EQ(refused.code, 1);
+  EXPECT_THAT(refused.err, HasSubstr(file.string() + " was not written by Orvel"));
+  EXPECT_THAT(refused.err, HasSubstr("--replace"));
+  EXPECT_EQ(readBytes(file), theirs);
+
+  std::vector<std::string> replace = send;
+  replace.push_back("--replace");
+  const Result replaced = orvel(replace);
+  ASSERT_EQ(replaced.code, 0) << replaced.err;
+  EXPECT_EQ(readBytes(file.string() + ".bak"), theirs);
+  const std::vector<std::string> ours = {"/music/DJ Koze/XTC.mp3",
+                                         "/music/Floorplan/Never Grow Old.mp3"};
+  EXPECT_EQ(trackPaths(serato, {"Sets", "Warm-up"}), ours);
+  EXPECT_EQ(permsOf(file), fs::perms(0640));
+
+  // Serato saving the crate again with the same tracks leaves it Orvel's.
+  writeBytes(file, seratoCrate(ours));
+  EXPECT_EQ(orvel(send).code, 0);
+  EXPECT_EQ(permsOf(file), fs::perms(0640));
+  // A track added in Serato makes it the user's again.
+  std::vector<std::string> edited = ours;
+  edited.push_back("/music/new.mp3");
+  writeBytes(file, seratoCrate(edited));
+  EXPECT_EQ(orvel(send).code, 1);
+  EXPECT_EQ(trackPaths(serato, {"Sets", "Warm-up"}), edited);
+  ::umask(umaskBefore);
+}
+
+TEST_F(SeratoCliTest, SendRefusesCratesThatWouldShareAFile) {
+  namespace fs = std::filesystem;
+  const fs::path serato = dir_ / "_Serato_";
+  fs::create_directories(serato / "Subcrates");
+  {
+    Connection conn(dbPath());
+    ASSERT_FALSE(conn.execChecked(
+        fmt::format("INSERT INTO playlists(id, name, parent_id) VALUES(10, 'Gigs', NULL), "
+                    "(11, '2024', 10), (12, 'Gigs%%2024', NULL), (13, 'a/b', NULL), "
+                    "(14, 'a-b', NULL);"
+                    "INSERT INTO playlist_tracks VALUES(13, {}, 0), (14, {}, 0)",
+                    a_, b_)));
+  }
+  auto send = [&](const std::string& crate) {
+    return orvel({"serato", "send", crate, "--serato-dir", serato.string()});
+  };
+  // Serato reads "Gigs%%2024.crate" as 2024 inside Gigs, whichever was meant.
+  for (const std::string crate : {"11", "12"}) {
+    const Result r = send(crate);
+    EXPECT_EQ(r.code, 1) << crate;
+    EXPECT_THAT(r.err, HasSubstr("Gigs%%2024.crate")) << crate;
+  }
+  EXPECT_FALSE(fs::exists(serato / "Subcrates" / "Gigs%%2024.crate"));
+
+  // A "/" is kept apart from a "-".
+  ASSERT_EQ(send("13").code, 0);
+  ASSERT_EQ(send("14").code, 0);
+  EXPECT_EQ(trackPaths(serato, {"a-b"}),
+            std::vector<std::string>{"/music/Moodymann/Shades of Jae.flac"});
+  EXPECT_EQ(trackPaths(serato, {"a:b"}),
+            std::vector<std::string>{"/music/Floorplan/Never Grow Old.mp3"});
 }
 
 TEST_F(SeratoCliTest, ExportXmlWritesTheCollectionOfTheChosenCrates) {

@@ -7,6 +7,7 @@
 #include "app/crate_export.h"
 #include "core/formats/serato_tags.h"
 #include "core/import/serato_import.h"
+#include "core/text/visible.h"
 #include "tools/cli/commands.h"
 #include "tools/cli/progress.h"
 #include "tools/cli/table.h"
@@ -82,6 +83,7 @@ struct SeratoArgs {
   std::string crate;
   std::vector<std::string> crates;
   bool json = false;
+  bool replace = false;
 };
 
 void runImport(Context& ctx, const SeratoArgs& a) {
@@ -122,11 +124,12 @@ void runImport(Context& ctx, const SeratoArgs& a) {
 void runSend(Context& ctx, const SeratoArgs& a) {
   OrvelDB& db = ctx.db();
   const int64_t crate = resolvePlaylist(db, a.crate);
-  const auto r = app::CrateExport::sendToSerato(ctx.dbPath(), crate, a.dir);
+  const auto r = app::CrateExport::sendToSerato(ctx.dbPath(), crate, a.dir, a.replace);
   using Outcome = app::CrateExport::SendResult::Outcome;
+  // Crate names and file names are the user's text and may hold anything.
   if (r.outcome == Outcome::seratoRunning) throw CliError(kFailed, r.title + ": " + r.message);
-  if (r.outcome != Outcome::sent) throw CliError(kFailed, r.message);
-  ctx.out << r.output << "\n";
+  if (r.outcome != Outcome::sent) throw CliError(kFailed, visible(r.message));
+  ctx.out << visible(r.output) << "\n";
 }
 
 void runExportXml(Context& ctx, const SeratoArgs& a) {
@@ -161,30 +164,31 @@ void addSeratoCommands(CLI::App& app, Context& ctx) {
       printTags(ctx, a->file, t);
   });
 
-  CLI::App* import = serato->add_subcommand(
+  CLI::App* importCommand = serato->add_subcommand(
       "import", "Read Serato's library: tracks, crates, smart crates, cues and beat grids");
-  import->add_option("DIR", a->dir, "The _Serato_ folder (default: ~/Music/_Serato_)");
-  import->add_flag("--json", a->json, "The outcome and counts as JSON");
-  import->callback([&ctx, a] { runImport(ctx, *a);
-});
+  importCommand->add_option("DIR", a->dir, "The _Serato_ folder (default: ~/Music/_Serato_)");
+  importCommand->add_flag("--json", a->json, "The outcome and counts as JSON");
+  importCommand->callback([&ctx, a] { runImport(ctx, *a); });
 
-CLI::App* send = serato->add_subcommand(
-    "send", "Write a crate or playlist into Serato's crates (Serato must not be running)");
-send->add_option("CRATE", a->crate, "Id or path")->required();
-send->add_option("--serato-dir", a->dir, "The _Serato_ folder (default: ~/Music/_Serato_)")
-    ->type_name("DIR");
-send->callback([&ctx, a] { runSend(ctx, *a); });
+  CLI::App* send = serato->add_subcommand(
+      "send", "Write a crate or playlist into Serato's crates (Serato must not be running)");
+  send->add_option("CRATE", a->crate, "Id or path")->required();
+  send->add_option("--serato-dir", a->dir, "The _Serato_ folder (default: ~/Music/_Serato_)")
+      ->type_name("DIR");
+  send->add_flag("--replace", a->replace,
+                 "Replace a crate file Orvel did not write (the old one is kept as a .bak copy)");
+  send->callback([&ctx, a] { runSend(ctx, *a); });
 
-CLI::App* exp = app.add_subcommand("export", "Export to other DJ software");
-exp->require_subcommand(1, 1);
-CLI::App* xml = exp->add_subcommand(
-    "xml", "Crates and playlists with their tracks, cues and tempo as a DJ collection XML file");
-xml->add_option("FILE", a->file, "The .xml file to write")->required();
-xml->add_option("--crate", a->crates,
-                "Only these crates or playlists (id or path), with what "
-                "is below them; default: all")
-    ->type_name("ID");
-xml->callback([&ctx, a] { runExportXml(ctx, *a); });
-}  // namespace orvel::cli
+  CLI::App* exp = app.add_subcommand("export", "Export to other DJ software");
+  exp->require_subcommand(1, 1);
+  CLI::App* xml = exp->add_subcommand(
+      "xml", "Crates and playlists with their tracks, cues and tempo as a DJ collection XML file");
+  xml->add_option("FILE", a->file, "The .xml file to write")->required();
+  xml->add_option("--crate", a->crates,
+                  "Only these crates or playlists (id or path), with what "
+                  "is below them; default: all")
+      ->type_name("ID");
+  xml->callback([&ctx, a] { runExportXml(ctx, *a); });
+}
 
 }  // namespace orvel::cli
