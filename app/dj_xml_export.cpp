@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <QFile>
-#include <QSaveFile>
 #include <QString>
 #include <QXmlStreamWriter>
 #include <algorithm>
@@ -12,6 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "app/file_output.h"
 #include "app/klog.h"
 #include "core/store/orvel_db.h"
 
@@ -246,39 +246,35 @@ XmlExportResult exportXML(const OrvelDB& db, std::span<const int64_t> crateIds,
   Collection c;
   for (const CrateNode& node : nodes) gather(db, node, c);
 
-  QSaveFile out(QFile::decodeName(file.c_str()));
-  if (!out.open(QIODevice::WriteOnly))
-    return refuse(
-        fmt::format("Could not write {}: {}", file.string(), out.errorString().toStdString()));
-  QXmlStreamWriter xml(&out);
-  xml.setAutoFormatting(true);
-  xml.writeStartDocument();
-  xml.writeStartElement("DJ_PLAYLISTS");
-  xml.writeAttribute("Version", "1.0.0");
-  xml.writeEmptyElement("PRODUCT");
-  xml.writeAttribute("Name", "Orvel");
-  xml.writeAttribute("Version", ORVEL_VERSION);
-  xml.writeAttribute("Company", "Orvel");
-
-  xml.writeStartElement("COLLECTION");
-  xml.writeAttribute("Entries", number(static_cast<int64_t>(c.tracks.size())));
-  for (const TrackRow& t : c.tracks) writeTrack(xml, db, t);
-  xml.writeEndElement();
-
   XmlExportResult result;
-  xml.writeStartElement("PLAYLISTS");
-  xml.writeStartElement("NODE");
-  xml.writeAttribute("Type", "0");
-  xml.writeAttribute("Name", "ROOT");
-  xml.writeAttribute("Count", number(static_cast<int64_t>(nodes.size())));
-  for (const CrateNode& node : nodes) writeNode(xml, node, c, result.playlists);
-  xml.writeEndElement();
-  xml.writeEndElement();
-  xml.writeEndDocument();
+  const std::string why = writeWholeFile(file, [&](QIODevice& out) {
+    QXmlStreamWriter xml(&out);
+    xml.setAutoFormatting(true);
+    xml.writeStartDocument();
+    xml.writeStartElement("DJ_PLAYLISTS");
+    xml.writeAttribute("Version", "1.0.0");
+    xml.writeEmptyElement("PRODUCT");
+    xml.writeAttribute("Name", "Orvel");
+    xml.writeAttribute("Version", ORVEL_VERSION);
+    xml.writeAttribute("Company", "Orvel");
 
-  if (xml.hasError() || !out.commit())
-    return refuse(
-        fmt::format("Could not write {}: {}", file.string(), out.errorString().toStdString()));
+    xml.writeStartElement("COLLECTION");
+    xml.writeAttribute("Entries", number(static_cast<int64_t>(c.tracks.size())));
+    for (const TrackRow& t : c.tracks) writeTrack(xml, db, t);
+    xml.writeEndElement();
+
+    xml.writeStartElement("PLAYLISTS");
+    xml.writeStartElement("NODE");
+    xml.writeAttribute("Type", "0");
+    xml.writeAttribute("Name", "ROOT");
+    xml.writeAttribute("Count", number(static_cast<int64_t>(nodes.size())));
+    for (const CrateNode& node : nodes) writeNode(xml, node, c, result.playlists);
+    xml.writeEndElement();
+    xml.writeEndElement();
+    xml.writeEndDocument();
+    return !xml.hasError();
+  });
+  if (!why.empty()) return refuse(fmt::format("Could not write {}: {}", file.string(), why));
   result.tracks = static_cast<int64_t>(c.tracks.size());
   klog(fmt::format("xml export: {} tracks, {} playlists -> {}", result.tracks, result.playlists,
                    file.string()));

@@ -1,8 +1,9 @@
 #include "app/waveform_image.h"
 
-#include <QSaveFile>
 #include <algorithm>
 #include <cmath>
+
+#include "app/file_output.h"
 
 namespace orvel::app {
 namespace {
@@ -40,17 +41,11 @@ QImage WaveformImage::render(std::span<const uint8_t> blob, int width, int heigh
   return image;
 }
 
-bool WaveformImage::savePng(std::span<const uint8_t> blob, const QString& file, int width,
-                            int height) {
+std::string WaveformImage::savePng(std::span<const uint8_t> blob, const std::filesystem::path& file,
+                                   int width, int height) {
   const QImage image = render(blob, width, height);
-  if (image.isNull()) return false;
-  QSaveFile out(file);
-  if (!out.open(QIODevice::WriteOnly)) return false;
-  if (!image.save(&out, "PNG")) {
-    out.cancelWriting();
-    return false;
-  }
-  return out.commit();
+  if (image.isNull()) return "the waveform is not whole";
+  return writeWholeFile(file, [&image](QIODevice& out) { return image.save(&out, "PNG"); });
 }
 
 }  // namespace orvel::app

@@ -7,7 +7,9 @@
 #include <QImage>
 #include <QString>
 #include <cstdint>
+#include <filesystem>
 #include <span>
+#include <string>
 
 namespace orvel::app {
 
@@ -21,10 +23,10 @@ class WaveformImage {
   // of the wrong size gives a null image.
   static QImage render(std::span<const uint8_t> blob, int width = kDefaultWidth,
                        int height = kDefaultHeight);
-  // render() saved as PNG; false when the blob is wrong or the file cannot
-  // be written.
-  static bool savePng(std::span<const uint8_t> blob, const QString& file, int width = kDefaultWidth,
-                      int height = kDefaultHeight);
+  // render() saved as PNG, whole or not at all; empty on success, else why
+  // (a wrong blob, a file that cannot be written, a full disk).
+  static std::string savePng(std::span<const uint8_t> blob, const std::filesystem::path& file,
+                             int width = kDefaultWidth, int height = kDefaultHeight);
 };
 
 }  // namespace orvel::app

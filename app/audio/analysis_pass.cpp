@@ -20,7 +20,8 @@ PassResult analyseFile(const std::filesystem::path& path, const PassSettings& se
   return r;
 }
 
-PassStored storePass(OrvelDB& db, int64_t trackId, const PassResult& result) {
+PassStored storePass(OrvelDB& db, int64_t trackId, const PassResult& result,
+                     const std::string& cuesOpId) {
   PassStored stored;
   if (!result.readable) return stored;
   Transaction tx(db.connection());
@@ -28,11 +29,14 @@ PassStored storePass(OrvelDB& db, int64_t trackId, const PassResult& result) {
     stored.status = tx.status();
     return stored;
   }
-  // The first failure is the one worth telling; later ones usually repeat it.
-  auto kept = [&stored](Status s) {
-    const bool ok = s.isOk();
-    if (!ok && stored.status) stored.status = std::move(s);
-    return ok;
+  // All or nothing: a part that fails (a full disk, a lock) fails the file,
+  // and the transaction takes back what was written before it. Keeping the
+  // rest would mark the track analysed with parts missing, and it would
+  // never be tried again.
+  const auto failed = [](Status why) {
+    PassStored none;
+    none.status = std::move(why);
+    return none;
   };
   auto keyAndTempo = [&] {
     Statement st = db.connection().prepare("SELECT key, bpm FROM tracks WHERE id=?");
@@ -41,23 +45,29 @@ PassStored storePass(OrvelDB& db, int64_t trackId, const PassResult& result) {
                      : std::pair<std::optional<std::string>, std::optional<double>>{};
   };
   const auto before = keyAndTempo();
-  if (kept(db.analysis().setAnalysis(trackId, result.analysis.key, result.analysis.bpm))) {
-    const auto after = keyAndTempo();
-    stored.key = before.first != after.first;
-    stored.bpm = before.second != after.second;
-  }
+  if (Status s = db.analysis().setAnalysis(trackId, result.analysis.key, result.analysis.bpm); !s)
+    return failed(s);
+  const auto after = keyAndTempo();
+  stored.key = before.first != after.first;
+  stored.bpm = before.second != after.second;
   const auto& a = result.analysis;
-  if (a.inMs && a.outMs && *a.outMs > *a.inMs)
-    stored.cues = kept(db.cues().replaceAutoCues(trackId, *a.inMs, *a.outMs).status());
-  if (result.waveform) stored.waveform = kept(db.analysis().setWaveform(trackId, *result.waveform));
-  stored.scanned = kept(DefectScan::record(db, trackId, result.defects));
-  if (result.fingerprint)
-    stored.fingerprint = kept(db.analysis().setRawFingerprint(trackId, *result.fingerprint));
-  if (Status s = tx.commit(); !s) {
-    PassStored none;
-    none.status = std::move(s);
-    return none;
+  if (a.inMs && a.outMs && *a.outMs > *a.inMs) {
+    if (auto cues = db.cues().replaceAutoCues(trackId, *a.inMs, *a.outMs, cuesOpId); !cues)
+      return failed(cues.status());
+    stored.cues = true;
   }
+  if (result.waveform) {
+    if (Status s = db.analysis().setWaveform(trackId, *result.waveform); !s) return failed(s);
+    stored.waveform = true;
+  }
+  if (Status s = DefectScan::record(db, trackId, result.defects); !s) return failed(s);
+  stored.scanned = true;
+  if (result.fingerprint) {
+    if (Status s = db.analysis().setRawFingerprint(trackId, *result.fingerprint); !s)
+      return failed(s);
+    stored.fingerprint = true;
+  }
+  if (Status s = tx.commit(); !s) return failed(s);
   return stored;
 }
 

@@ -43,16 +43,19 @@ struct PassStored {
   bool waveform = false;
   bool scanned = false;
   bool fingerprint = false;
-  // Ok, or why a part (or, when the commit failed, all of it) was not stored.
+  // Ok, or why nothing of the file was stored.
   Status status;
 };
 
 // Writes a readable file's results in one transaction: tempo and key only
 // where the track has none (never over the user's), the automatic in and out
 // cues, the waveform, the defect findings with their scan row, and the raw
-// fingerprint. A part that fails is left out and the rest kept; a failed
-// commit keeps nothing. An unreadable file writes nothing. `db` belongs to
-// the calling thread.
-PassStored storePass(OrvelDB& db, int64_t trackId, const PassResult& result);
+// fingerprint. All or nothing: when any part fails nothing of the file is
+// kept, and the status says why. An unreadable file writes nothing. The
+// automatic cues join the history operation `cuesOpId` (one for a whole
+// analysis run) or, empty, an operation of their own. `db` belongs to the
+// calling thread.
+PassStored storePass(OrvelDB& db, int64_t trackId, const PassResult& result,
+                     const std::string& cuesOpId = {});
 
 }  // namespace orvel::audio

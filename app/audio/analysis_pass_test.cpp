@@ -67,6 +67,19 @@ TEST_F(AnalysisPassTest, ReportsOnlyWhatReachedTheCatalogue) {
   EXPECT_FALSE(db().analysis().waveform(held));
   EXPECT_THAT(db().analysis().scannedTracks(), Not(Contains(held)));
 
+  // A full disk part-way through keeps nothing of the file: a track marked
+  // analysed with parts missing would never be tried again.
+  const int64_t full = add("/m/full.wav");
+  const int64_t pages = *db().scalarInt("PRAGMA page_count");
+  db().execChecked("PRAGMA max_page_count = " + std::to_string(pages));
+  const PassStored cut = storePass(db(), full, found());
+  db().execChecked("PRAGMA max_page_count = 1073741823");
+  EXPECT_FALSE(anything(cut));
+  EXPECT_EQ(cut.status.code(), Status::Code::full) << cut.status.message();
+  EXPECT_EQ(field(full, "bpm"), "");
+  EXPECT_TRUE(db().cues().cues(full).empty());
+  EXPECT_FALSE(db().analysis().waveform(full));
+
   // An unreadable file writes nothing, and that is no failure.
   const PassStored unread = storePass(db(), held, PassResult{});
   EXPECT_FALSE(anything(unread));

@@ -1,5 +1,7 @@
 #include "core/import/importer.h"
 
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -7,10 +9,12 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <unordered_set>
 
 #include "core/import/production.h"
 #include "core/platform/os.h"
+#include "core/platform/partial_file.h"
 #include "core/store/connection.h"
 #include "core/store/orvel_db.h"
 #include "core/text/split.h"
@@ -22,10 +26,6 @@ namespace {
 
 std::string errnoText(int err) {
   return std::strerror(err);
-}
-
-bool isAppleDouble(std::string_view file) {
-  return lastPathComponent(file).starts_with("._");
 }
 
 // What the file system says about a file before it is read.
@@ -61,11 +61,12 @@ std::optional<FileFacts> factsOf(const fs::path& file, std::string& why) {
   return facts;
 }
 
-// Copies under a temporary name in the destination folder, then renames, so
-// a crash never leaves a partial file under the real name (a partial file
-// would later be taken for a different song of the same name).
+// Copies under a hidden partial name in the destination folder, then
+// renames, so a crash never leaves a partial file under the real name (a
+// partial file would later be taken for a different song of the same name),
+// and the importer and the watcher never take the partial copy for a track.
 bool copyInto(const fs::path& source, const fs::path& dest, std::string& why) {
-  const fs::path temp = dest.parent_path() / (".orvel-copy-" + dest.filename().native());
+  const fs::path temp = partialName(dest, kCopyPrefix);
   std::error_code ec;
   fs::copy_file(source, temp, fs::copy_options::overwrite_existing, ec);
   if (!ec) {
@@ -81,6 +82,23 @@ bool copyInto(const fs::path& source, const fs::path& dest, std::string& why) {
     return false;
   }
   return true;
+}
+
+// Whether two files hold the same bytes.
+bool sameContent(const fs::path& a, const fs::path& b) {
+  std::error_code ec;
+  const auto size = fs::file_size(a, ec);
+  if (ec || fs::file_size(b, ec) != size || ec) return false;
+  std::ifstream fa(a, std::ios::binary), fb(b, std::ios::binary);
+  if (!fa || !fb) return false;
+  std::vector<char> ba(1 << 16), bb(1 << 16);
+  while (fa && fb) {
+    fa.read(ba.data(), static_cast<std::streamsize>(ba.size()));
+    fb.read(bb.data(), static_cast<std::streamsize>(bb.size()));
+    if (fa.gcount() != fb.gcount() || !std::equal(ba.begin(), ba.begin() + fa.gcount(), bb.begin()))
+      return false;
+  }
+  return fa.eof() && fb.eof();
 }
 
 std::string fileStem(const fs::path& file) {
@@ -121,6 +139,10 @@ class Batcher {
         for (const NewTrack& p : pending_) {
           ImportOutcome outcome{};
           const auto id = db_.tracks().insertImported(p, *source, &outcome);
+          if (!id && id.status().blocksEveryWrite()) {
+            written = id.status();
+            break;
+          }
           if (!id)
             failures.push_back({p.path, "the catalogue did not take it: " + id.error()});
           else if (outcome == ImportOutcome::reused)
@@ -128,12 +150,18 @@ class Batcher {
           else
             added.push_back(*id);
         }
-        written = tx.commit();
+        if (written) written = tx.commit();
       }
     }
     if (written) {
       result_.added.insert(result_.added.end(), added.begin(), added.end());
       result_.dupes += dupes;
+    } else if (written.blocksEveryWrite()) {
+      // The catalogue cannot take any row (locked, read-only, full,
+      // damaged): one cause, not a line per file, and no point going on.
+      failures.clear();
+      result_.stopped = written;
+      result_.notReached += static_cast<int64_t>(pending_.size());
     } else {
       // Nothing of the batch is in the catalogue, whatever each insert said.
       failures.clear();
@@ -186,15 +214,48 @@ bool isAudioFile(std::string_view file) {
   return std::find(std::begin(audioExts), std::end(audioExts), ext) != std::end(audioExts);
 }
 
-std::vector<fs::path> expand(std::span<const fs::path> urls) {
+bool isSkipped(std::string_view file) {
+  const std::string_view name = lastPathComponent(file);
+  return name.starts_with("._") || name.starts_with(kCopyPrefix);
+}
+
+namespace {
+
+// Walks a folder at any depth without following symlinked folders, naming
+// the folders that cannot be read instead of passing over them in silence.
+void walk(const fs::path& dir, std::vector<std::string>& files, std::vector<Failure>& problems) {
+  std::error_code ec;
+  fs::directory_iterator it(dir, ec), end;
+  if (ec) {
+    problems.push_back({dir.string(), "cannot read this folder: " + ec.message()});
+    return;
+  }
+  for (; it != end; it.increment(ec)) {
+    if (ec) {
+      problems.push_back({dir.string(), "cannot read all of this folder: " + ec.message()});
+      return;
+    }
+    std::error_code typeError;
+    const auto status = it->symlink_status(typeError);
+    if (fs::is_directory(status))
+      walk(it->path(), files, problems);
+    else if (it->is_regular_file(typeError))
+      files.push_back(it->path().native());
+  }
+}
+
+}  // namespace
+
+Expanded expandReporting(std::span<const fs::path> urls) {
   // Paths are handled as plain strings here: std::filesystem compares paths
   // component by component, which costs more than the walk itself on a big
   // library.
-  std::vector<std::string> out;
+  Expanded out;
   std::unordered_set<std::string> seen;
   auto keep = [&](std::string p) {
-    if (!isAudioFile(p) || isAppleDouble(p)) return;
-    if (seen.insert(p).second) out.push_back(std::move(p));
+    if (!isAudioFile(p) || isSkipped(p)) return false;
+    if (seen.insert(p).second) out.files.emplace_back(std::move(p));
+    return true;
   };
   for (const fs::path& url : urls) {
     std::error_code ec;
@@ -203,19 +264,27 @@ std::vector<fs::path> expand(std::span<const fs::path> urls) {
     if (!root.has_filename() && root.has_parent_path()) root = root.parent_path();  // "dir/"
     if (fs::is_directory(root, ec)) {
       std::vector<std::string> inside;
-      for (auto it = fs::recursive_directory_iterator(
-               root, fs::directory_options::skip_permission_denied, ec);
-           !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
-        std::error_code fileEc;
-        if (it->is_regular_file(fileEc)) inside.push_back(it->path().native());
-      }
+      walk(root, inside, out.problems);
       std::sort(inside.begin(), inside.end());
-      for (auto& p : inside) keep(std::move(p));
+      bool any = false;
+      for (auto& p : inside) any = keep(std::move(p)) || any;
+      if (!any)
+        out.problems.push_back(
+            {root.string(), fmt::format("no audio files in it ({})", fmt::join(audioExts, ", "))});
     } else if (fs::is_regular_file(root, ec)) {
-      keep(root.native());
+      if (!keep(root.native()))
+        out.problems.push_back(
+            {root.string(), isSkipped(root.native())
+                                ? "not an audio file (a companion file or an unfinished copy)"
+                                : fmt::format("not an audio file Orvel imports ({})",
+                                              fmt::join(audioExts, ", "))});
     }
   }
-  return {out.begin(), out.end()};
+  return out;
+}
+
+std::vector<fs::path> expand(std::span<const fs::path> urls) {
+  return expandReporting(urls).files;
 }
 
 std::string folderName(const std::optional<std::string>& tag, std::string_view fallback) {
@@ -249,24 +318,31 @@ std::optional<Destination> copyDestination(const fs::path& source, const fs::pat
     std::error_code existsEc;
     if (!fs::exists(candidate, existsEc)) return Destination{candidate, false};
     const auto there = fs::file_size(candidate, existsEc);
-    if (!existsEc && !ec && there == size) return Destination{candidate, true};
+    if (!existsEc && !ec && there == size && sameContent(source, candidate))
+      return Destination{candidate, true};
   }
   return std::nullopt;
 }
 
 Result ingest(std::span<const fs::path> urls, OrvelDB& db, const Options& opt) {
-  const std::vector<fs::path> files = expand(urls);
+  Expanded expanded = expandReporting(urls);
+  const std::vector<fs::path>& files = expanded.files;
   Result result;
+  result.failures = std::move(expanded.problems);
+  result.failed = static_cast<int64_t>(result.failures.size());
   Batcher batch(db, result);
   const bool copying = opt.copyFiles && opt.mediaRoot.has_value();
   auto fail = [&](const fs::path& file, std::string why) {
     result.failures.push_back({file.string(), std::move(why)});
     result.failed = static_cast<int64_t>(result.failures.size());
   };
+  // Folders of the media root whose leftovers of killed copies have been
+  // cleared in this run.
+  std::unordered_set<std::string> cleared;
 
   for (size_t i = 0; i < files.size(); ++i) {
-    if (opt.cancel && opt.cancel->load()) {
-      result.notReached = static_cast<int64_t>(files.size() - i);
+    if ((opt.cancel && opt.cancel->load()) || !result.stopped.isOk()) {
+      result.notReached += static_cast<int64_t>(files.size() - i);
       break;
     }
     const fs::path& file = files[i];
@@ -284,6 +360,12 @@ Result ingest(std::span<const fs::path> urls, OrvelDB& db, const Options& opt) {
       ++result.dupes;
       continue;
     }
+    if (opt.whyNotAudio) {
+      if (auto notAudio = opt.whyNotAudio(file)) {
+        fail(file, *notAudio);
+        continue;
+      }
+    }
     const Tags tags = readTags(file);
     fs::path path = file;
     if (copyThis) {
@@ -295,6 +377,7 @@ Result ingest(std::span<const fs::path> urls, OrvelDB& db, const Options& opt) {
         fail(file, "cannot create the folder " + folder.string() + ": " + ec.message());
         continue;
       }
+      if (cleared.insert(folder.native()).second) removeAbandonedPartials(folder, kCopyPrefix);
       const auto dest = copyDestination(file, folder);
       if (!dest) {
         fail(file, "no free name for it in " + folder.string());
@@ -313,7 +396,7 @@ Result ingest(std::span<const fs::path> urls, OrvelDB& db, const Options& opt) {
     batch.add(rowFor(path.string(), tags, *facts, file.parent_path().native()));
     if (batch.due()) batch.flush();
   }
-  batch.flush();
+  if (result.stopped.isOk()) batch.flush();
   if (opt.onProgress)
     opt.onProgress(
         {files.size() - static_cast<size_t>(result.notReached), files.size(), &result, {}});

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "core/import/tag_reader.h"
+#include "core/store/status.h"
 
 namespace orvel {
 class OrvelDB;
@@ -32,25 +33,40 @@ namespace orvel::Importer {
 inline constexpr std::string_view audioExts[] = {"mp3",  "m4a", "aac", "flac", "wav",
                                                  "aiff", "aif", "ogg", "aifc", "alac"};
 bool isAudioFile(std::string_view file);
-
-// The audio files among `urls`: folders are walked at any depth (symlinked
-// folders are not followed), plain files kept when their extension is
-// accepted, anything else skipped. macOS's "._" companion files, which carry
-// an audio extension but no audio, are skipped too. Paths come back absolute,
-// each once, folders' contents in name order.
-std::vector<std::filesystem::path> expand(std::span<const std::filesystem::path> urls);
+// An audio file that is not ours to import: macOS's "._" companions (an
+// audio extension, no audio) and a copy into the media root still being
+// written (".orvel-copy-…").
+bool isSkipped(std::string_view file);
+// The hidden prefix of a copy into the media root until it is complete.
+inline constexpr std::string_view kCopyPrefix = ".orvel-copy-";
 
 struct Failure {
   std::string path;
   std::string reason;
 };
 
+// The audio files among `urls`: folders are walked at any depth (symlinked
+// folders are not followed), plain files kept when their extension is
+// accepted, anything else skipped. Paths come back absolute, each once,
+// folders' contents in name order.
+struct Expanded {
+  std::vector<std::filesystem::path> files;
+  // A folder that could not be read, and a given file or folder that held
+  // no audio file at all, with why.
+  std::vector<Failure> problems;
+};
+Expanded expandReporting(std::span<const std::filesystem::path> urls);
+std::vector<std::filesystem::path> expand(std::span<const std::filesystem::path> urls);
+
 struct Result {
   std::vector<int64_t> added;  // track ids, new or reinstated
   int64_t dupes = 0;           // already in the library (a live row with the path key)
   int64_t failed = 0;
   std::vector<Failure> failures;
-  int64_t notReached = 0;  // files left when the import was cancelled
+  int64_t notReached = 0;  // files not imported when the import was cancelled or stopped
+  // Why the import stopped early: the catalogue could not be written at all
+  // (locked, read-only, disk full, damaged). Ok when it did not.
+  Status stopped;
 };
 
 struct Progress {
@@ -66,6 +82,10 @@ struct Options {
   std::function<void(const Progress&)> onProgress{};
   // Checked between files; set it to stop after the current one.
   const std::atomic<bool>* cancel = nullptr;
+  // Why a file with an audio extension holds no audio that can be played
+  // (a text or a database renamed .mp3), or none when it does. Unset, every
+  // file that TagLib and the file system accept is taken.
+  std::function<std::optional<std::string>(const std::filesystem::path&)> whyNotAudio{};
 };
 
 Result ingest(std::span<const std::filesystem::path> urls, OrvelDB& db, const Options& options);
@@ -79,8 +99,9 @@ std::string folderName(const std::optional<std::string>& tag, std::string_view f
 bool isInside(const std::filesystem::path& path, const std::filesystem::path& root);
 
 // Where a copy of `source` goes in `folder`: its own name, or "name N.ext"
-// for the first N from 1 whose file is absent or of the same size (a file of
-// the same name and size is taken as an earlier copy). None past 9999.
+// for the first N from 1 whose file is absent or holds the same bytes (an
+// earlier copy, reused). A file of the same name and size with other bytes
+// is another song and never reused. None past 9999.
 struct Destination {
   std::filesystem::path path;
   bool exists = false;  // an earlier copy to reuse

@@ -326,8 +326,8 @@ TEST_F(ImportTest, AMediaRootThatCannotBeWrittenFailsEachCopy) {
 }
 
 // Another program holding the catalogue past the timeout: no file is
-// reported added, and each failure says why.
-TEST_F(ImportTest, ACatalogueThatCannotBeWrittenFailsEachFileWithTheReason) {
+// reported added, the one cause is given once, and the import stops there.
+TEST_F(ImportTest, ACatalogueThatCannotBeWrittenStopsTheImportWithOneCause) {
   testing::writeAudioFile(src("a.mp3"), AudioFormat::mp3);
   testing::writeAudioFile(src("b.mp3"), AudioFormat::mp3);
   db().connection().setBusyTimeout(50);
@@ -339,13 +339,111 @@ TEST_F(ImportTest, ACatalogueThatCannotBeWrittenFailsEachFileWithTheReason) {
   sqlite3_close(other);
 
   EXPECT_TRUE(r.added.empty());
-  EXPECT_EQ(r.failed, 2);
-  ASSERT_EQ(r.failures.size(), 2u);
-  EXPECT_THAT(r.failures[0].reason, HasSubstr("the catalogue could not be written: "));
-  EXPECT_THAT(r.failures[1].reason, HasSubstr("locked"));
+  EXPECT_EQ(r.failed, 0);
+  EXPECT_EQ(r.stopped.code(), Status::Code::busy) << r.stopped.message();
+  EXPECT_EQ(r.notReached, 2);
   EXPECT_EQ(db().count("tracks"), 0);
   // Once the catalogue is free the same files go in.
   EXPECT_EQ(ingest({inDir()}).added.size(), 2u);
+}
+
+TEST_F(ImportTest, ACopyIsReusedOnlyWhenItHoldsTheSameBytes) {
+  const fs::path root = dir_ / "Media";
+  const Importer::Options copy{.mediaRoot = root, .copyFiles = true};
+  AudioTags tags;
+  tags.artist = "Floorplan";
+  tags.album = "Victorious";
+  tags.title = "Song A";
+  testing::writeAudioFile(src("a/01 Intro.mp3"), AudioFormat::mp3, tags);
+  tags.title = "Song B";  // as long as A's: the same size, other bytes
+  testing::writeAudioFile(src("b/01 Intro.mp3"), AudioFormat::mp3, tags);
+  ASSERT_EQ(fs::file_size(src("a/01 Intro.mp3")), fs::file_size(src("b/01 Intro.mp3")));
+  const fs::path folder = root / "Floorplan" / "Victorious";
+
+  ASSERT_EQ(ingest({src("a/01 Intro.mp3")}, copy).added.size(), 1u);
+  const auto other = ingest({src("b/01 Intro.mp3")}, copy);
+  ASSERT_EQ(other.added.size(), 1u);
+  EXPECT_EQ(field(other.added[0], "path"), (folder / "01 Intro 1.mp3").string());
+  EXPECT_EQ(field(other.added[0], "title"), "Song B");
+  // The same song again reuses its copy.
+  EXPECT_EQ(ingest({src("a/01 Intro.mp3")}, copy).dupes, 1);
+  EXPECT_FALSE(fs::exists(folder / "01 Intro 2.mp3"));
+}
+
+// A copy cut short by a kill: its partial file must never become a track,
+// and the next copy into that folder clears it away.
+TEST_F(ImportTest, UnfinishedCopiesAreNeverTracksAndAreCleanedUp) {
+  const fs::path root = dir_ / "Media";
+  const fs::path folder = root / "Unknown Artist" / "Unknown Album";
+  const pid_t gone = fork();
+  if (gone == 0) _exit(0);
+  waitpid(gone, nullptr, 0);
+  const fs::path killed = folder / (".orvel-copy-song.mp3.partial-" + std::to_string(gone));
+  writeBytes(killed, testing::audioBody(AudioFormat::mp3));
+  // What an older version left: the audio extension kept at the end.
+  writeBytes(folder / ".orvel-copy-older.mp3", testing::audioBody(AudioFormat::mp3));
+  EXPECT_TRUE(ingest({root}).added.empty());
+  EXPECT_TRUE(Importer::isSkipped(".orvel-copy-older.mp3"));
+
+  testing::writeAudioFile(src("song.mp3"), AudioFormat::mp3);
+  const auto r = ingest({src("song.mp3")}, {.mediaRoot = root, .copyFiles = true});
+  ASSERT_EQ(r.added.size(), 1u);
+  EXPECT_FALSE(fs::exists(killed));
+  EXPECT_EQ(field(r.added[0], "path"), (folder / "song.mp3").string());
+}
+
+TEST_F(ImportTest, WhatHoldsNoAudioIsNamedWithTheReason) {
+  writeBytes(src("notes.xml"), "<plist/>");
+  writeBytes(src("docs/readme.txt"), "hello");
+  writeBytes(src("fake/notes.mp3"), "not audio at all");
+  testing::writeAudioFile(src("fake/real.mp3"), AudioFormat::mp3);
+  Importer::Options opt;
+  opt.whyNotAudio = [](const fs::path& p) -> std::optional<std::string> {
+    if (p.filename() == "notes.mp3") return "no audio in it";
+    return std::nullopt;
+  };
+  const auto r = ingest({src("notes.xml"), src("docs"), src("fake")}, opt);
+  EXPECT_EQ(r.added.size(), 1u);
+  ASSERT_EQ(r.failures.size(), 3u);
+  EXPECT_EQ(r.failures[0].path, src("notes.xml").string());
+  EXPECT_THAT(r.failures[0].reason, HasSubstr("not an audio file Orvel imports (mp3, m4a"));
+  EXPECT_EQ(r.failures[1].path, src("docs").string());
+  EXPECT_THAT(r.failures[1].reason, HasSubstr("no audio files in it"));
+  EXPECT_EQ(r.failures[2].reason, "no audio in it");
+}
+
+// A folder the user cannot read is named, not passed over. As root every
+// folder is readable, so the walk then runs in a child that has given up
+// root for the unprivileged "nobody".
+TEST_F(ImportTest, AnUnreadableFolderIsNamed) {
+  testing::writeAudioFile(src("open/a.mp3"), AudioFormat::mp3);
+  testing::writeAudioFile(src("shut/b.mp3"), AudioFormat::mp3);
+  fs::permissions(src("shut"), fs::perms::none);
+  for (const fs::path& p : {dir_.path(), inDir(), src("open")}) fs::permissions(p, fs::perms::all);
+  int pipeFd[2];
+  ASSERT_EQ(pipe(pipeFd), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    close(pipeFd[0]);
+    if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(3);
+    const auto found = Importer::expandReporting(std::vector<fs::path>{inDir()});
+    std::string report = std::to_string(found.files.size()) + "\n";
+    for (const auto& problem : found.problems) report += problem.path + "|" + problem.reason + "\n";
+    if (write(pipeFd[1], report.data(), report.size()) < 0) _exit(4);
+    _exit(0);
+  }
+  close(pipeFd[1]);
+  std::string report;
+  char buffer[512];
+  for (ssize_t n; (n = read(pipeFd[0], buffer, sizeof buffer)) > 0;)
+    report.append(buffer, static_cast<size_t>(n));
+  close(pipeFd[0]);
+  int status = 0;
+  waitpid(child, &status, 0);
+  fs::permissions(src("shut"), fs::perms::owner_all);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_THAT(report, ::testing::StartsWith("1\n"));
+  EXPECT_THAT(report, HasSubstr(src("shut").string() + "|cannot read this folder: "));
 }
 
 TEST_F(ImportTest, CancelStopsBetweenFilesAndKeepsWhatWasAdded) {

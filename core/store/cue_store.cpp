@@ -230,14 +230,17 @@ std::vector<int64_t> CueStore::autoCueIds(int64_t trackId) const {
   return out;
 }
 
-Result<std::string> CueStore::replaceAutoCues(int64_t trackId, double inMs, double outMs) {
+Result<std::string> CueStore::replaceAutoCues(int64_t trackId, double inMs, double outMs,
+                                              const std::string& runOpId) {
   if (!conn_.scalarInt("SELECT 1 FROM tracks WHERE id = " + std::to_string(trackId))) {
     return Status::notFound("no track with id " + std::to_string(trackId));
   }
   const std::string opName = "Analyze Cues";
   Transaction tx(conn_);
   if (!tx) return tx.status();
-  const std::string opId = journal_.begin(opName);
+  const std::string opId = runOpId.empty() ? journal_.begin(opName) : runOpId;
+  // Only this track's entries need sealing, not the run's thousands before.
+  const int64_t sealFrom = conn_.scalarInt("SELECT COALESCE(MAX(id), 0) FROM history").value_or(0);
   for (int64_t id : autoCueIds(trackId))
     if (Status j = journal_.snapshotRow(opId, opName, "cues", id); !j) return j;
   if (Status s = conn_.exec(fmt::format(
@@ -267,7 +270,7 @@ Result<std::string> CueStore::replaceAutoCues(int64_t trackId, double inMs, doub
         !j)
       return j;
   }
-  if (Status j = journal_.seal(opId); !j) return j;
+  if (Status j = journal_.seal(opId, sealFrom); !j) return j;
   if (Status kept = tx.commit(); !kept) return kept;
   return opId;
 }

@@ -30,8 +30,12 @@ class CueStore : public StoreArea {
   Result<std::string> moveCue(int64_t cueId, double positionMs);
   Result<std::string> setLoopBounds(int64_t cueId, double startMs, double lengthMs);
   Result<std::string> deleteCue(int64_t cueId);
-  // The analyser's in and out cues, replacing its earlier pair only.
-  Result<std::string> replaceAutoCues(int64_t trackId, double inMs, double outMs);
+  // The analyser's in and out cues, replacing its earlier pair only. They
+  // join the history operation `opId` when one is given (an analysis run
+  // records all its tracks under one), else an operation of their own;
+  // returns the operation's id.
+  Result<std::string> replaceAutoCues(int64_t trackId, double inMs, double outMs,
+                                      const std::string& opId = {});
   // Cues and the beat grid one source (Serato) keeps for a track, replaced
   // whole; the user's own cues and other sources' are left alone.
   Status replaceSourceCues(int64_t trackId, int64_t sourceId, std::span<const CueRow> cues,

@@ -224,14 +224,14 @@ Status Journal::recordCreated(const std::string& opId, const std::string& opName
   return record(opId, opName, table, id, std::string(kRowField), std::nullopt, rowJSON(table, id));
 }
 
-Status Journal::seal(const std::string& opId) const {
+Status Journal::seal(const std::string& opId, int64_t afterEntry) const {
   std::vector<std::tuple<int64_t, std::string, int64_t, std::string>> pending;
   {
     // Entries made by recordCreated already carry their new value.
     Statement st = conn_.prepare(
-        "SELECT id, entity, entity_id, field FROM history WHERE op_id = ? AND new_value IS NULL "
-        "AND field IN ('@row', '@members')");
-    st.bind(1, opId);
+        "SELECT id, entity, entity_id, field FROM history WHERE op_id = ? AND id > ? AND "
+        "new_value IS NULL AND field IN ('@row', '@members')");
+    st.bind(1, opId).bind(2, afterEntry);
     while (st.step()) pending.emplace_back(st.int64(0), st.text(1), st.int64(2), st.text(3));
   }
   Statement up = conn_.prepare("UPDATE history SET new_value = ? WHERE id = ?");

@@ -76,8 +76,10 @@ class Journal {
   Status recordCreated(const std::string& opId, const std::string& opName, const std::string& table,
                        int64_t id) const;
   // Fills in the new value of the operation's "@row"/"@members" entries from
-  // the rows as they stand after the edit (NULL for a row that is now gone).
-  Status seal(const std::string& opId) const;
+  // the rows as they stand after the edit (NULL for a row that is now gone);
+  // only entries after history row `afterEntry`, for an operation that grows
+  // over many transactions.
+  Status seal(const std::string& opId, int64_t afterEntry = 0) const;
 
   // Puts a recorded value back: a JSON object is a row (INSERT OR REPLACE), a
   // JSON array a member list, and no value deletes the row.

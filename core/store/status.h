@@ -37,6 +37,12 @@ class [[nodiscard]] Status {
   static Status sqlite(int rc, std::string message);
 
   bool isOk() const { return code_ == Code::ok; }
+  // A fault of the catalogue or the disk, not of the one request: every
+  // later write would fail the same way, so bulk work stops at the first.
+  bool blocksEveryWrite() const {
+    return code_ == Code::busy || code_ == Code::readOnly || code_ == Code::full ||
+           code_ == Code::corrupt;
+  }
   explicit operator bool() const { return isOk(); }
   Code code() const { return code_; }
   const std::string& message() const { return message_; }

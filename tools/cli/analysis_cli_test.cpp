@@ -1,4 +1,8 @@
+#include <sqlite3.h>
+
 #include <QImage>
+#include <algorithm>
+#include <fstream>
 
 #include "app/audio/audio_file_writer.h"
 #include "app/audio/testing/synth.h"
@@ -95,9 +99,45 @@ TEST_F(AnalysisCliTest, WaveformPictureAndScan) {
   r = orvel({"scan", std::to_string(m_)});
   EXPECT_EQ(r.code, 0) << r.err;
   EXPECT_THAT(r.out, HasSubstr("1 dropout"));
+  // "Nothing damaged" only for audio that was read and scanned.
+  r = orvel({"repair", std::to_string(t_)});
+  EXPECT_EQ(r.code, 1);
+  EXPECT_THAT(r.err, HasSubstr("has not been scanned yet"));
+  ASSERT_EQ(orvel({"scan", std::to_string(t_)}).code, 0);
   r = orvel({"repair", std::to_string(t_)});
   EXPECT_EQ(r.code, 1);
   EXPECT_THAT(r.err, HasSubstr("Nothing damaged to repair"));
+  std::ofstream(tagged_) << "not audio any more";
+  r = orvel({"repair", std::to_string(t_)});
+  EXPECT_EQ(r.code, 1);
+  EXPECT_THAT(r.err, HasSubstr("as audio; nothing to repair"));
+}
+
+TEST_F(AnalysisCliTest, ARunIsOneOperationAndALockedCatalogueStopsItWithOneLine) {
+  // Another program holds the catalogue: nothing is claimed, one line says why.
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open(dbPath().c_str(), &other), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+  const Result locked = orvel({"--busy-timeout", "100", "analyze", "--jobs", "1"});
+  sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr);
+  sqlite3_close(other);
+  EXPECT_EQ(locked.code, 1);
+  EXPECT_THAT(locked.out, HasSubstr("Analysed 0 tracks"));
+  EXPECT_EQ(std::count(locked.err.begin(), locked.err.end(), '\n'), 1) << locked.err;
+  EXPECT_THAT(locked.err, HasSubstr("another program is writing the catalogue"));
+  EXPECT_THAT(locked.err, HasSubstr("0 of 2 stored"));
+  EXPECT_EQ(db().scalarInt("SELECT COUNT(*) FROM waveforms"), 0);
+  db_.reset();
+
+  // Both tracks' automatic cues are one operation, undone at once.
+  ASSERT_EQ(orvel({"analyze"}).code, 0);
+  const json history = orvelJson({"history"});
+  const auto cueOps = std::count_if(history.begin(), history.end(),
+                                    [](const json& op) { return op["opName"] == "Analyze Cues"; });
+  EXPECT_EQ(cueOps, 1);
+  ASSERT_EQ(orvel({"undo"}).code, 0);
+  for (int64_t id : {m_, t_})
+    for (const json& c : track(id)["cues"]) EXPECT_NE(c["name"], "AUTO IN") << id;
 }
 
 TEST_F(AnalysisCliTest, KeyLabelsAndTransposing) {

@@ -6,6 +6,7 @@
 
 #include "app/app_paths.h"
 #include "app/audio/analysis_pass.h"
+#include "app/audio/decoder.h"
 #include "app/audio/defect_repair.h"
 #include "app/audio/defect_scan.h"
 #include "app/audio/waveform.h"
@@ -13,6 +14,7 @@
 #include "app/settings.h"
 #include "app/waveform_image.h"
 #include "core/text/key_names.h"
+#include "core/text/visible.h"
 #include "tools/cli/commands.h"
 #include "tools/cli/progress.h"
 
@@ -108,30 +110,43 @@ void runAnalyze(Context& ctx, const AnalyzeArgs& a) {
   audio::PassSettings settings{analyzerSettings()};
   InterruptGuard interrupt;
   ProgressBar bar(ctx.err, ctx.errIsTerminal, "Analysing");
-  size_t done = 0, unreadable = 0, unstored = 0, tempos = 0, keys = 0, damaged = 0;
+  // One history operation for the whole run's automatic cues, so undo
+  // takes them back at once and the history is not flooded.
+  const std::string cuesOp = db.journal().begin("Analyze Cues");
+  size_t done = 0, stored = 0, unreadable = 0, unstored = 0, tempos = 0, keys = 0, damaged = 0;
+  Status fatal;
   json results = json::array();
   std::function<audio::PassResult(size_t)> work = [&](size_t i) {
     return audio::analyseFile(targets[i].path, settings);
   };
   std::function<void(size_t, audio::PassResult&)> store = [&](size_t i, audio::PassResult& r) {
     const Target& t = targets[i];
-    const audio::PassStored s = audio::storePass(db, t.id, r);
     ++done;
+    // Once the catalogue cannot be written at all, the files still finishing
+    // are not tried (nor each reported): the one cause is said at the end.
+    if (!fatal) return;
+    const audio::PassStored s = audio::storePass(db, t.id, r, cuesOp);
     if (!r.readable) {
       ++unreadable;
       bar.clear();
-      ctx.err << "orvel: cannot analyse " << t.path << ": the audio could not be read\n";
+      ctx.err << "orvel: cannot analyse " << visible(t.path) << ": the audio could not be read\n";
+    } else if (!s.status && s.status.blocksEveryWrite()) {
+      fatal = s.status;
+      InterruptGuard::stop();
+      return;
     } else if (!s.status) {
       ++unstored;
       bar.clear();
-      ctx.err << "orvel: cannot store the analysis of " << t.path << ": " << s.status.message()
-              << "\n";
+      ctx.err << "orvel: cannot store the analysis of " << visible(t.path) << ": "
+              << describe(s.status) << "\n";
+    } else {
+      ++stored;
     }
     tempos += s.bpm;
     keys += s.key;
     damaged += s.scanned && !r.defects.empty();
     bar.update(done, targets.size(), fs::path(t.path).filename().string());
-    if (a.json) {
+    if (a.json && s.status) {
       json defects = json::array();
       for (const auto& d : r.defects) defects.push_back(defectJson(d));
       const auto& an = r.analysis;
@@ -152,13 +167,16 @@ void runAnalyze(Context& ctx, const AnalyzeArgs& a) {
     ctx.out << jsonText(results) << "\n";
   } else {
     ctx.out << fmt::format("Analysed {}: {} and {} filled, {} with defects",
-                           countOf(done - unreadable - unstored, "track"), countOf(tempos, "tempo"),
-                           countOf(keys, "key"), countOf(damaged, "track"))
+                           countOf(stored, "track"), countOf(tempos, "tempo"), countOf(keys, "key"),
+                           countOf(damaged, "track"))
             << (unreadable ? fmt::format("; {} could not be read", countOf(unreadable, "file"))
                            : "")
             << (unstored ? fmt::format("; {} not stored", countOf(unstored, "result")) : "")
             << "\n";
   }
+  if (!fatal)
+    throw CliError(kFailed, fmt::format("the analysis stopped: {}; {} of {} stored",
+                                        describe(fatal), stored, targets.size()));
   if (done < targets.size())
     throw CliError(kFailed, fmt::format("interrupted after {} of {}; run it again for the rest",
                                         done, targets.size()));
@@ -217,8 +235,9 @@ void runWaveform(Context& ctx, const WaveformArgs& a) {
     throw CliError(kFailed,
                    "no waveform: the audio of " + path + " could not be read or is too short");
   if (!a.png.empty()) {
-    if (!app::WaveformImage::savePng(*blob, QString::fromStdString(a.png), a.width, a.height))
-      throw CliError(kFailed, "could not write " + a.png);
+    if (const std::string why = app::WaveformImage::savePng(*blob, a.png, a.width, a.height);
+        !why.empty())
+      throw CliError(kFailed, "could not write " + a.png + ": " + why);
     if (!a.json) ctx.out << "Wrote " << a.png << "\n";
   }
   if (a.json) {
@@ -248,7 +267,8 @@ void runScan(Context& ctx, const ScanArgs& a) {
   }
   InterruptGuard interrupt;
   ProgressBar bar(ctx.err, ctx.errIsTerminal, "Scanning");
-  size_t done = 0, unreadable = 0, unstored = 0, damaged = 0;
+  size_t done = 0, stored = 0, unreadable = 0, unstored = 0, damaged = 0;
+  Status fatal;
   json results = json::array();
   using Found = std::optional<std::vector<DefectScan::Defect>>;
   std::function<Found(size_t)> work = [&](size_t i) -> Found {
@@ -259,19 +279,27 @@ void runScan(Context& ctx, const ScanArgs& a) {
   std::function<void(size_t, Found&)> store = [&](size_t i, Found& found) {
     const Target& t = targets[i];
     ++done;
+    if (!fatal) return;
     bar.update(done, targets.size(), fs::path(t.path).filename().string());
     if (!found) {
       ++unreadable;
       bar.clear();
-      ctx.err << "orvel: cannot scan " << t.path << ": the audio could not be read\n";
+      ctx.err << "orvel: cannot scan " << visible(t.path) << ": the audio could not be read\n";
       return;
     }
     if (Status s = DefectScan::record(db, t.id, *found); !s) {
+      if (s.blocksEveryWrite()) {
+        fatal = s;
+        InterruptGuard::stop();
+        return;
+      }
       ++unstored;
       bar.clear();
-      ctx.err << "orvel: cannot store the scan of " << t.path << ": " << s.message() << "\n";
+      ctx.err << "orvel: cannot store the scan of " << visible(t.path) << ": " << describe(s)
+              << "\n";
       return;
     }
+    ++stored;
     damaged += !found->empty();
     if (a.json) {
       json defects = json::array();
@@ -279,7 +307,7 @@ void runScan(Context& ctx, const ScanArgs& a) {
       results.push_back({{"id", t.id}, {"path", t.path}, {"defects", defects}});
     } else if (!found->empty()) {
       bar.clear();
-      ctx.out << fmt::format("{:>6}  {}: {}\n", t.id, t.path, defectSummary(*found));
+      ctx.out << fmt::format("{:>6}  {}: {}\n", t.id, visible(t.path), defectSummary(*found));
     }
   };
   app::forEachParallel<Found>(targets.size(), a.jobs, InterruptGuard::flag(), work, store);
@@ -287,9 +315,11 @@ void runScan(Context& ctx, const ScanArgs& a) {
   if (a.json)
     ctx.out << jsonText(results) << "\n";
   else
-    ctx.out << fmt::format("Scanned {}: {} with defects\n",
-                           countOf(done - unreadable - unstored, "track"),
+    ctx.out << fmt::format("Scanned {}: {} with defects\n", countOf(stored, "track"),
                            countOf(damaged, "track"));
+  if (!fatal)
+    throw CliError(kFailed, fmt::format("the scan stopped: {}; {} of {} stored", describe(fatal),
+                                        stored, targets.size()));
   if (done < targets.size())
     throw CliError(kFailed, fmt::format("interrupted after {} of {}", done, targets.size()));
   if (unstored)
@@ -303,8 +333,18 @@ void runRepair(Context& ctx, const std::string& idText) {
   OrvelDB& db = ctx.db();
   if (!allDigits(idText)) throw CliError(kBadUsage, "Select the track you want fixed (a track id)");
   const Target t = resolveTargets(db, {idText}).front();
+  // "Nothing damaged" is only true of audio that was read and scanned.
+  if (!audio::Decoder::probe(t.path))
+    throw CliError(kFailed, "cannot read " + visible(t.path) + " as audio; nothing to repair");
   const std::vector<DefectScan::Defect> defects = DefectScan::stored(db, t.id);
-  if (defects.empty()) throw CliError(kFailed, "Nothing damaged to repair");
+  if (defects.empty()) {
+    const auto scanned = db.analysis().scannedTracks();
+    if (std::find(scanned.begin(), scanned.end(), t.id) == scanned.end())
+      throw CliError(kFailed, fmt::format("track {} has not been scanned yet; run 'orvel scan {}' "
+                                          "first",
+                                          t.id, t.id));
+    throw CliError(kFailed, "Nothing damaged to repair");
+  }
   auto script = app::AppPaths::script("fix_encode.py");
   if (!script) throw CliError(kFailed, "fix_encode.py is missing from this installation");
   audio::RepairTools tools;

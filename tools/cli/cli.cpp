@@ -21,6 +21,11 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
   app.add_option("--db", ctx.dbOption, "Use the catalogue at PATH instead of the usual one")
       ->type_name("PATH");
   app.add_flag("-v,--verbose", ctx.verbose, "Also show the store's log lines on stderr");
+  app.add_option("--busy-timeout", ctx.busyTimeoutMs,
+                 "How long to wait for another program that is writing the catalogue before "
+                 "failing, in milliseconds (default 5000)")
+      ->check(CLI::NonNegativeNumber)
+      ->type_name("MS");
 
   addInfoCommand(app, ctx);
   addListCommands(app, ctx);

@@ -29,6 +29,7 @@ OrvelDB& Context::db() {
     } catch (const StoreError& e) {
       throw CliError(kFailed, "cannot open the catalogue " + path + ": " + e.what());
     }
+    if (busyTimeoutMs) db_->connection().setBusyTimeout(*busyTimeoutMs);
     // A mistyped --db would otherwise look like an empty library.
     if (!existed) err << "orvel: created a new catalogue at " << path << "\n";
     if (autoBackup && existed) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <stdexcept>
 #include <string>
@@ -35,7 +36,8 @@ struct Context {
   std::ostream& err;
   std::string dbOption;  // --db; empty: the support folder's catalogue
   bool verbose = false;
-  bool errIsTerminal = false;  // draw progress bars on err
+  std::optional<int> busyTimeoutMs;  // --busy-timeout; none: the store's own wait
+  bool errIsTerminal = false;        // draw progress bars on err
   // The command will write: the catalogue gets its automatic backup (at
   // most one in 20 hours) when it is first opened.
   bool autoBackup = false;

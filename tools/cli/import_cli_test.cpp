@@ -2,8 +2,10 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sqlite3.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <fstream>
 #include <thread>
 
@@ -72,6 +74,39 @@ TEST_F(ImportCliTest, BadInputIsRefusedOrReportedFileByFile) {
   EXPECT_EQ(orvel({"import", in("odd").string()}).out, "Added 1\n");
   const json all = orvelJson({"ls"});
   EXPECT_EQ(all.size(), 5u);
+}
+
+TEST_F(ImportCliTest, WhatHoldsNoAudioIsRefusedWithItsReasonAndALockIsOneLine) {
+  fs::create_directories(in("mixed"));
+  std::ofstream(in("notes.xml")) << "<plist/>";
+  const Result xml = orvel({"import", in("notes.xml").string()});
+  EXPECT_EQ(xml.code, 1);
+  EXPECT_EQ(xml.out, "Added 0\n");
+  EXPECT_THAT(xml.err, HasSubstr("notes.xml: not an audio file Orvel imports"));
+
+  // Text and a database under audio names are not tracks.
+  std::ofstream(in("mixed/notes.mp3")) << "these are my set notes, not a song\n";
+  fs::copy_file(dbPath(), in("mixed/library.flac"));
+  testing::writeAudioFile(in("mixed/real.mp3"), AudioFormat::mp3);
+  const Result mixed = orvel({"import", in("mixed").string()});
+  EXPECT_EQ(mixed.code, 1);
+  EXPECT_EQ(mixed.out, "Added 1\n");
+  EXPECT_THAT(mixed.err, HasSubstr("notes.mp3: it holds no audio that can be played"));
+  EXPECT_THAT(mixed.err, HasSubstr("library.flac: it holds no audio that can be played"));
+
+  // Another program holds the catalogue: one line with the cause, not one per file.
+  for (int i = 0; i < 5; ++i)
+    testing::writeAudioFile(in("lots/" + std::to_string(i) + ".wav"), AudioFormat::wav);
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open(dbPath().c_str(), &other), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+  const Result locked = orvel({"--busy-timeout", "100", "import", in("lots").string()});
+  sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr);
+  sqlite3_close(other);
+  EXPECT_EQ(locked.code, 1);
+  EXPECT_EQ(std::count(locked.err.begin(), locked.err.end(), '\n'), 1) << locked.err;
+  EXPECT_THAT(locked.err, HasSubstr("another program is writing the catalogue"));
+  EXPECT_THAT(locked.err, HasSubstr("5 files not imported"));
 }
 
 TEST_F(ImportCliTest, CopiesIntoTheMediaRootGivenOrConfigured) {

@@ -6,10 +6,12 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 
+#include "app/audio/decoder.h"
 #include "app/settings.h"
 #include "core/import/import_report.h"
 #include "core/import/library_watcher.h"
 #include "core/store/log.h"
+#include "core/text/visible.h"
 #include "tools/cli/commands.h"
 #include "tools/cli/progress.h"
 
@@ -26,7 +28,14 @@ LibraryWatcher::Config watchConfig() {
 
 void printFailures(Context& ctx, const Importer::Result& r) {
   for (const auto& f : r.failures)
-    ctx.err << "orvel: cannot import " << f.path << ": " << f.reason << "\n";
+    ctx.err << "orvel: cannot import " << visible(f.path) << ": " << visible(f.reason) << "\n";
+}
+
+// A file that FFmpeg cannot open as audio (a text or a database renamed
+// .mp3) is not a track, whatever its extension and TagLib say.
+std::optional<std::string> whyNotAudio(const fs::path& file) {
+  if (audio::Decoder::probe(file)) return std::nullopt;
+  return "it holds no audio that can be played (FFmpeg cannot read it as audio)";
 }
 
 json resultJson(const Importer::Result& r) {
@@ -57,6 +66,7 @@ void runImport(Context& ctx, const ImportArgs& a) {
   }
   Importer::Options opt;
   opt.copyFiles = a.copy;
+  opt.whyNotAudio = whyNotAudio;
   if (!a.mediaRoot.empty())
     opt.mediaRoot = fs::absolute(a.mediaRoot).lexically_normal();
   else
@@ -79,6 +89,11 @@ void runImport(Context& ctx, const ImportArgs& a) {
   else
     ctx.out << Importer::statusText(r) << "\n";
   printFailures(ctx, r);
+  if (!r.stopped.isOk())
+    throw CliError(kFailed,
+                   fmt::format("the import stopped: {}; {} not imported{}", describe(r.stopped),
+                               countOf(static_cast<size_t>(r.notReached), "file"),
+                               r.added.empty() ? "" : " (the rest are in the library)"));
   if (r.notReached > 0)
     throw CliError(kFailed,
                    fmt::format("interrupted; {} not imported (the rest are in the library)",
@@ -92,9 +107,14 @@ void printImport(Context& ctx, OrvelDB& db, const Importer::Result& r) {
   ctx.out << localTimeText(unixNow(), "%H:%M:%S") << " " << Importer::statusText(r) << "\n";
   for (const int64_t id : r.added) {
     if (const auto t = db.tracks().loadTrack(id))
-      ctx.out << fmt::format("  + {} – {}  ({})\n", t->artist(), t->title(), t->path());
+      ctx.out << fmt::format("  + {} – {}  ({})\n", visible(t->artist()), visible(t->title()),
+                             visible(t->path()));
   }
   printFailures(ctx, r);
+  if (!r.stopped.isOk())
+    ctx.err << "orvel: the import stopped: " << describe(r.stopped) << "; "
+            << countOf(static_cast<size_t>(r.notReached), "file")
+            << " will be tried again when they change\n";
   ctx.out << std::flush;
 }
 
@@ -136,6 +156,7 @@ void runWatch(Context& ctx) {
       if (!fresh.empty()) {
         Importer::Options opt;  // the files already lie in the media root: no copying
         opt.mediaRoot = watcher.config().mediaRoot;
+        opt.whyNotAudio = whyNotAudio;
         opt.cancel = &InterruptGuard::flag();
         printImport(ctx, db, Importer::importInPlace(fresh, db, opt, "watcher"));
       }
@@ -164,22 +185,21 @@ void runWatch(Context& ctx) {
 
 void addImportCommands(CLI::App& app, Context& ctx) {
   auto a = std::make_shared<ImportArgs>();
-  auto* import = app.add_subcommand("import", "Add audio files and folders to the library");
-  import->add_option("PATH", a->paths, "Files and folders; folders are searched at any depth")
+  CLI::App* importer = app.add_subcommand("import", "Add audio files and folders to the library");
+  importer->add_option("PATH", a->paths, "Files and folders; folders are searched at any depth")
       ->required();
-  import->add_flag("--copy", a->copy,
-                   "Copy files from outside the media root into it, by artist and album");
-  import
+  importer->add_flag("--copy", a->copy,
+                     "Copy files from outside the media root into it, by artist and album");
+  importer
       ->add_option("--media-root", a->mediaRoot,
                    "The media root for this import (default: the mediaRoot setting)")
       ->type_name("DIR");
-  import->add_flag("--json", a->json, "The outcome as JSON: added ids, dupes, failures");
-  import->callback([&ctx, a] { runImport(ctx, *a);
-});
+  importer->add_flag("--json", a->json, "The outcome as JSON: added ids, dupes, failures");
+  importer->callback([&ctx, a] { runImport(ctx, *a); });
 
-auto* watch = app.add_subcommand(
-    "watch", "Watch the media root and import new audio files until interrupted");
-watch->callback([&ctx] { runWatch(ctx); });
-}  // namespace orvel::cli
+  CLI::App* watch = app.add_subcommand(
+      "watch", "Watch the media root and import new audio files until interrupted");
+  watch->callback([&ctx] { runWatch(ctx); });
+}
 
 }  // namespace orvel::cli

@@ -86,6 +86,10 @@ InterruptGuard::~InterruptGuard() {
   sigaction(SIGTERM, &gOldTerm, nullptr);
 }
 
+void InterruptGuard::stop() {
+  gInterrupted.store(true);
+}
+
 const std::atomic<bool>& InterruptGuard::flag() {
   return gInterrupted;
 }

@@ -45,6 +45,9 @@ class InterruptGuard {
   InterruptGuard& operator=(const InterruptGuard&) = delete;
   ~InterruptGuard();
   static const std::atomic<bool>& flag();
+  // Ends the work as an interrupt would, for a failure that makes going on
+  // pointless (the catalogue cannot be written at all).
+  static void stop();
 };
 
 }  // namespace orvel::cli
