@@ -14,6 +14,7 @@
 #include "app/file_output.h"
 #include "app/klog.h"
 #include "core/store/orvel_db.h"
+#include "core/store/track_values.h"
 
 #ifndef ORVEL_VERSION
 #define ORVEL_VERSION "0"
@@ -164,7 +165,8 @@ void writeTrack(QXmlStreamWriter& xml, const OrvelDB& db, const TrackRow& t) {
   xml.writeAttribute("Kind", QString::fromStdString(kindOf(t)));
   xml.writeAttribute("Size", number(t.sizeBytes));
   xml.writeAttribute("TotalTime", number(t.durationMs.value_or(0) / 1000));
-  xml.writeAttribute("AverageBpm", fixed(t.bpm.value_or(0), 2));
+  // A tempo an older catalogue let in (-120, 1e308) is no tempo to hand on.
+  xml.writeAttribute("AverageBpm", fixed(t.bpm && isTempo(*t.bpm) ? *t.bpm : 0.0, 2));
   xml.writeAttribute("BitRate", number(t.bitrateKbps.value_or(0)));
   xml.writeAttribute("SampleRate", number(t.sampleRate.value_or(0)));
   xml.writeAttribute("Tonality", xmlText(t.key()));

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include "core/store/orvel_db.h"
+#include "core/store/track_values.h"
 
 namespace orvel {
 
@@ -13,7 +14,7 @@ Status AnalysisStore::setAnalysis(int64_t id, const std::optional<std::string>& 
     Statement st = conn_.prepare("UPDATE tracks SET key=? WHERE id=? AND (key IS NULL OR key='')");
     if (st.bind(1, *key).bind(2, id).stepCode() != SQLITE_DONE) return conn_.lastStatus();
   }
-  if (bpm) {
+  if (bpm && isTempo(*bpm)) {
     // fmt writes the shortest text that reads back as the same double.
     return conn_.exec(
         fmt::format("UPDATE tracks SET bpm={} WHERE id={} AND bpm IS NULL", *bpm, id));

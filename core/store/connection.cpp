@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/store/unicode_like.h"
 #include "core/text/split.h"
 
 namespace orvel {
@@ -68,6 +69,8 @@ Connection::Connection(const std::string& path, OpenMode mode)
     db_ = nullptr;
     throw StoreError(message);
   }
+  // LIKE folds case the way the search field does, for every script.
+  registerUnicodeLike(db_);
   sqlite3_update_hook(db_, updateHook, &log_);
   sqlite3_rollback_hook(db_, rollbackHook, &log_);
   dataVersion_ = dataVersion();

@@ -2,6 +2,7 @@
 // beat grids that other programs keep for a track.
 #include <fmt/format.h>
 
+#include <cmath>
 #include <nlohmann/json.hpp>
 #include <set>
 
@@ -47,6 +48,12 @@ std::vector<BeatAnchor> parseAnchors(const std::string& json) {
   return out;
 }
 
+// "1:04.250", for the few messages that name a time.
+std::string clock(double ms) {
+  const auto whole = static_cast<int64_t>(ms);
+  return fmt::format("{}:{:02}.{:03}", whole / 60000, whole / 1000 % 60, whole % 1000);
+}
+
 // The shortest text that reads back as the same double, for the journal.
 std::string realText(double v) {
   return fmt::format("{}", v);
@@ -68,6 +75,29 @@ std::optional<CueRow> CueStore::cue(int64_t cueId) const {
   st.bind(1, cueId);
   if (!st.step()) return std::nullopt;
   return readCue(st);
+}
+
+Status CueStore::checkPlacement(int64_t trackId, double startMs,
+                                std::optional<double> lengthMs) const {
+  if (!std::isfinite(startMs) || startMs < 0)
+    return Status::invalid("a cue's time is 0 or later in the track");
+  if (lengthMs && (!std::isfinite(*lengthMs) || *lengthMs <= 0))
+    return Status::invalid("a loop is longer than nothing");
+  // Only a known length can be checked against; a track not yet read has none.
+  const auto duration =
+      conn_.scalarInt("SELECT duration_ms FROM tracks WHERE id = " + std::to_string(trackId) +
+                      " AND duration_ms > 0");
+  if (!duration) return Status::ok();
+  const auto length = static_cast<double>(*duration);
+  if (startMs >= length)
+    return Status::invalid(
+        fmt::format("{} lies past the end of the track ({} long)", clock(startMs), clock(length)));
+  if (lengthMs && startMs + *lengthMs > length)
+    return Status::invalid(
+        fmt::format("a loop from {} of {} runs past the end of the track ({} "
+                    "long)",
+                    clock(startMs), clock(*lengthMs), clock(length)));
+  return Status::ok();
 }
 
 Result<int64_t> CueStore::insertManual(int64_t trackId, std::string_view kind, int slot,
@@ -98,6 +128,7 @@ Result<CueEdit> CueStore::addInFreeSlot(int64_t trackId, std::string_view kind, 
   if (!conn_.scalarInt("SELECT 1 FROM tracks WHERE id = " + std::to_string(trackId))) {
     return Status::notFound("no track with id " + std::to_string(trackId));
   }
+  if (Status ok = checkPlacement(trackId, positionMs, lengthMs); !ok) return ok;
   Transaction tx(conn_);
   if (!tx) return tx.status();
   std::set<int64_t> used;
@@ -137,6 +168,7 @@ Result<std::string> CueStore::setCue(int64_t trackId, int slot, double positionM
   if (!conn_.scalarInt("SELECT 1 FROM tracks WHERE id = " + std::to_string(trackId))) {
     return Status::notFound("no track with id " + std::to_string(trackId));
   }
+  if (Status ok = checkPlacement(trackId, positionMs, std::nullopt); !ok) return ok;
   const std::string opName = "Set Cue";
   Transaction tx(conn_);
   if (!tx) return tx.status();
@@ -160,9 +192,11 @@ Result<std::string> CueStore::setCue(int64_t trackId, int slot, double positionM
 }
 
 Result<std::string> CueStore::moveCue(int64_t cueId, double positionMs) {
-  if (!cue(cueId)) {
+  const auto moving = cue(cueId);
+  if (!moving) {
     return Status::notFound("no cue with id " + std::to_string(cueId));
   }
+  if (Status ok = checkPlacement(moving->trackId, positionMs, moving->lengthMs); !ok) return ok;
   const std::string opName = "Move Cue";
   Transaction tx(conn_);
   if (!tx) return tx.status();
@@ -179,9 +213,11 @@ Result<std::string> CueStore::moveCue(int64_t cueId, double positionMs) {
 }
 
 Result<std::string> CueStore::setLoopBounds(int64_t cueId, double startMs, double lengthMs) {
-  if (!cue(cueId)) {
+  const auto loop = cue(cueId);
+  if (!loop) {
     return Status::notFound("no cue with id " + std::to_string(cueId));
   }
+  if (Status ok = checkPlacement(loop->trackId, startMs, lengthMs); !ok) return ok;
   const std::string opName = "Move Loop";
   const std::vector<int64_t> ids{cueId};
   Transaction tx(conn_);

@@ -45,6 +45,9 @@ class CueStore : public StoreArea {
   std::vector<SourceGrid> beatGrids(int64_t trackId) const;
 
  private:
+  // Ok for a cue at `startMs` (and a loop `lengthMs` long) inside the track:
+  // finite, from 0, and before its end when its length is known.
+  Status checkPlacement(int64_t trackId, double startMs, std::optional<double> lengthMs) const;
   std::vector<int64_t> autoCueIds(int64_t trackId) const;
   // A cue or loop of this program in `slot`; returns its id.
   Result<int64_t> insertManual(int64_t trackId, std::string_view kind, int slot, double positionMs,

@@ -1,6 +1,8 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
+#include <cmath>
+
 #include "core/testing/store_fixture.h"
 
 namespace orvel {
@@ -138,6 +140,31 @@ TEST_F(CuesTest, ImportedCuesAndGridAreReplacedWholePerSource) {
   EXPECT_EQ(db().cues().beatGrid(track_, 4)[1].posMs, 60000);
   ASSERT_TRUE(db().cues().replaceSourceCues(track_, 4, {}, {}));
   EXPECT_TRUE(db().cues().beatGrid(track_, 4).empty());
+}
+
+}  // namespace
+}  // namespace orvel
+
+namespace orvel {
+namespace {
+
+TEST_F(CuesTest, CuesAndLoopsStayInsideTheTrack) {
+  ASSERT_TRUE(db().tracks().setDurationMs(track_, 2000));
+  const auto cue = db().cues().addManualCue(track_, 1500);
+  ASSERT_TRUE(cue);
+  // Past the end, before the start, or no number at all: refused, nothing written.
+  for (double at : {2000.0, 99999.0 * 60000, -1.0, std::nan(""), double(INFINITY)})
+    EXPECT_FALSE(db().cues().addManualCue(track_, at)) << at;
+  EXPECT_FALSE(db().cues().setCue(track_, 3, 5000));
+  EXPECT_FALSE(db().cues().moveCue(cue->cueId, 2500));
+  EXPECT_FALSE(db().cues().addManualLoop(track_, 1000, 1500));
+  EXPECT_FALSE(db().cues().addManualLoop(track_, 100, 0));
+  const auto loop = db().cues().addManualLoop(track_, 1000, 1000);
+  ASSERT_TRUE(loop);
+  EXPECT_FALSE(db().cues().setLoopBounds(loop->cueId, 1500, 1000));
+  EXPECT_FALSE(db().cues().moveCue(loop->cueId, 1200));  // its end would pass the track's
+  EXPECT_EQ(summary(),
+            (std::vector<std::string>{"cue 0 @1500 ORVEL CUE 1", "loop 0 @1000 ORVEL LOOP 1"}));
 }
 
 }  // namespace

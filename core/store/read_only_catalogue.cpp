@@ -1,6 +1,7 @@
 #include "core/store/read_only_catalogue.h"
 
 #include "core/store/connection.h"
+#include "core/store/unicode_like.h"
 
 namespace orvel {
 
@@ -26,6 +27,9 @@ ReadOnlyCatalogue::ReadOnlyCatalogue(const std::string& path) {
   }
   // ATTACH could open some other file beside the catalogue; nothing read here needs it.
   sqlite3_limit(db_, SQLITE_LIMIT_ATTACHED, 0);
+  // The same LIKE as the store's own connections, so a query matches here
+  // what a smart rule matches there.
+  registerUnicodeLike(db_);
 }
 
 ReadOnlyCatalogue::~ReadOnlyCatalogue() {

@@ -1,8 +1,8 @@
 // A second, read-only view of a catalogue for statements Orvel did not write
 // itself (the assistant's queries). SQLite enforces the read-only open and
 // query_only on top, so no statement run here can change the catalogue,
-// whatever text checks it slipped past. Registers none of the store's own SQL
-// functions: such statements get plain SQLite.
+// whatever text checks it slipped past. Of the store's own SQL functions it
+// has only the Unicode LIKE, so text matches as everywhere else.
 #pragma once
 
 #include <sqlite3.h>

@@ -14,6 +14,7 @@
 #include "core/formats/serato_library.h"
 #include "core/formats/serato_tags.h"
 #include "core/store/orvel_db.h"
+#include "core/store/track_values.h"
 #include "core/text/split.h"
 
 namespace orvel {
@@ -85,7 +86,7 @@ std::optional<int64_t> sizeBytes(const std::optional<std::string>& text) {
 
 std::optional<double> tempo(const std::optional<std::string>& text) {
   const auto n = text ? leadingNumber(*text) : std::nullopt;
-  if (!n || *n < 20 || *n > 999) return std::nullopt;
+  if (!n || !isTempo(*n)) return std::nullopt;
   return n;
 }
 

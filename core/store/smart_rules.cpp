@@ -9,6 +9,7 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <random>
+#include <sstream>
 
 namespace orvel {
 namespace {
@@ -25,7 +26,7 @@ constexpr std::array<SmartField, 15> kFields = {{
     {"comment", "Comment", "comment", false},
     {"key", "Key", "key", false},
     {"bpm", "BPM", "bpm", true},
-    {"year", "Year", "year", true},
+    {"year", "Year", "year", true, true},
     {"rating", "Rating", "rating", true},
     {"plays", "Plays", "play_count", true},
     {"bitrate", "Bit Rate", "bitrate_kbps", true},
@@ -75,6 +76,32 @@ std::optional<double> parseDays(const std::string& value) {
   return days;
 }
 
+// A finite number written the usual way ("124", "-3", "0.5", "1e3"); no
+// blanks, no "inf" or "nan", nothing past the number.
+std::optional<double> parseNumber(const std::string& value) {
+  if (value.empty() || std::isspace(static_cast<unsigned char>(value.front()))) return std::nullopt;
+  for (char c : value)
+    if (std::isalpha(static_cast<unsigned char>(c)) && c != 'e' && c != 'E') return std::nullopt;
+  char* end = nullptr;
+  const double v = std::strtod(value.c_str(), &end);
+  if (end != value.c_str() + value.size() || !std::isfinite(v)) return std::nullopt;
+  return v;
+}
+
+// A whole number binds as an integer, anything else as a real.
+SmartBind numberBind(double v) {
+  if (v == std::trunc(v) && std::abs(v) < 9e15) return static_cast<int64_t>(v);
+  return v;
+}
+
+// The number as the catalogue writes it in a text column: "2004", not "2004.0".
+std::string numberText(double v) {
+  if (v == std::trunc(v) && std::abs(v) < 9e15) return std::to_string(static_cast<int64_t>(v));
+  std::ostringstream out;
+  out << v;
+  return out.str();
+}
+
 int64_t truncateToInt64(double v) {
   constexpr double kMax = 9.2e18;  // inside int64 on both sides
   return static_cast<int64_t>(std::clamp(v, -kMax, kMax));
@@ -95,6 +122,18 @@ std::string upper(std::string s) {
 }
 
 }  // namespace
+
+std::string bindText(const SmartBind& bind) {
+  if (const auto* text = std::get_if<std::string>(&bind)) {
+    std::string quoted = "'";
+    for (char c : *text) quoted += c == '\'' ? std::string("''") : std::string(1, c);
+    return quoted + "'";
+  }
+  if (const auto* whole = std::get_if<int64_t>(&bind)) return std::to_string(*whole);
+  std::ostringstream out;
+  out << std::get<double>(bind);
+  return out.str();
+}
 
 std::string newUUID() {
   thread_local std::mt19937_64 gen{std::random_device{}()};
@@ -134,11 +173,25 @@ std::span<const SmartOption> SmartRule::ops(bool numeric) {
   return kTextOps;
 }
 
-std::optional<std::pair<std::string, std::string>> SmartRule::sql() const {
+std::optional<std::pair<std::string, SmartBind>> SmartRule::sql() const {
   return sql(secondsNow());
 }
 
-std::optional<std::pair<std::string, std::string>> SmartRule::sql(double now) const {
+std::optional<std::string> SmartRule::problem() const {
+  const SmartField* f = fieldFor(field);
+  const std::string rule = field + ":" + op + ":" + value;
+  if (f == nullptr) return "the rule " + rule + " names no field Orvel knows";
+  const auto ops = SmartRule::ops(f->numeric);
+  if (std::none_of(ops.begin(), ops.end(), [&](const SmartOption& o) { return o.id == op; }))
+    return "the rule " + rule + " uses an operator " + std::string(f->id) + " does not take";
+  if (!f->numeric) return std::nullopt;
+  const auto number = parseNumber(value);
+  if (!number) return "the rule " + rule + ": " + std::string(f->id) + " takes a number";
+  if (op == "inLast" && *number < 0) return "the rule " + rule + ": a number of days, 0 or more";
+  return std::nullopt;
+}
+
+std::optional<std::pair<std::string, SmartBind>> SmartRule::sql(double now) const {
   const SmartField* f = fieldFor(field);
   if (f == nullptr) return std::nullopt;
   const std::string column(f->column);
@@ -149,14 +202,26 @@ std::optional<std::pair<std::string, std::string>> SmartRule::sql(double now) co
     return std::pair{"COALESCE(" + column + ",'') NOT LIKE ?", "%" + value + "%"};
   if (op == "startsWith") return std::pair{"COALESCE(" + column + ",'') LIKE ?", value + "%"};
   if (op == "endsWith") return std::pair{"COALESCE(" + column + ",'') LIKE ?", "%" + value};
-  if (op == "is") return std::pair{"COALESCE(" + column + ",'') = ?", value};
-  if (op == "isNot") return std::pair{"COALESCE(" + column + ",'') <> ?", value};
-  if (op == "gt") return std::pair{"CAST(COALESCE(" + column + ",0) AS REAL) > ?", value};
-  if (op == "lt") return std::pair{"CAST(COALESCE(" + column + ",0) AS REAL) < ?", value};
+  // A number field compares numbers; a value that is none (a document
+  // saved before values were checked) stays text and matches nothing.
+  const auto number = f->numeric ? parseNumber(value) : std::nullopt;
+  const auto bound = [&]() -> SmartBind {
+    if (!number) return value;
+    if (f->storedAsText) return numberText(*number);
+    return numberBind(*number);
+  };
+  if (op == "is") return std::pair{"COALESCE(" + column + ",'') = ?", bound()};
+  if (op == "isNot") return std::pair{"COALESCE(" + column + ",'') <> ?", bound()};
+  if (op == "gt")
+    return std::pair{"CAST(COALESCE(" + column + ",0) AS REAL) > ?",
+                     number ? numberBind(*number) : SmartBind(value)};
+  if (op == "lt")
+    return std::pair{"CAST(COALESCE(" + column + ",0) AS REAL) < ?",
+                     number ? numberBind(*number) : SmartBind(value)};
   if (op == "inLast") {
     const double days = parseDays(value).value_or(30.0);
     const int64_t cutoff = truncateToInt64(now - days * 86400.0);
-    return std::pair{"COALESCE(" + column + ",0) > ?", std::to_string(cutoff)};
+    return std::pair{"COALESCE(" + column + ",0) > ?", SmartBind(cutoff)};
   }
   return std::nullopt;
 }
@@ -165,13 +230,20 @@ std::span<const SmartOption> SmartPlaylist::limitOptions() {
   return kLimitOptions;
 }
 
-std::pair<std::string, std::vector<std::string>> SmartPlaylist::query() const {
+std::pair<std::string, std::vector<SmartBind>> SmartPlaylist::query() const {
   return query(secondsNow());
 }
 
-std::pair<std::string, std::vector<std::string>> SmartPlaylist::query(double now) const {
+std::optional<std::string> SmartPlaylist::problem() const {
+  if (rules.empty()) return "Add at least one rule — an empty one matches everything";
+  for (const SmartRule& rule : rules)
+    if (auto why = rule.problem()) return why;
+  return std::nullopt;
+}
+
+std::pair<std::string, std::vector<SmartBind>> SmartPlaylist::query(double now) const {
   std::string condition;
-  std::vector<std::string> binds;
+  std::vector<SmartBind> binds;
   for (const SmartRule& rule : rules) {
     auto clause = rule.sql(now);
     if (!clause) continue;

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <array>
 #include <nlohmann/json.hpp>
 #include <regex>
 
@@ -25,27 +26,44 @@ TEST(SmartRuleSql, EveryOperatorAndTheWholeStatement) {
   EXPECT_EQ(sql,
             "SELECT id FROM tracks\nWHERE merged_into IS NULL AND COALESCE(removed,0)=0 AND "
             "(COALESCE(genre,'') LIKE ? OR CAST(COALESCE(bpm,0) AS REAL) > ?) ORDER BY RANDOM()");
-  EXPECT_THAT(binds, ElementsAre("%House%", "125"));
+  EXPECT_THAT(binds, ElementsAre(SmartBind("%House%"), SmartBind(int64_t{125})));
 
   const auto one = [](const char* field, const char* op, const char* value) {
     const auto clause = rule(field, op, value).sql(1'000'000'000.75);
-    return clause ? clause->first + " | " + clause->second : std::string("none");
+    return clause ? clause->first + " | " + bindText(clause->second) : std::string("none");
   };
-  EXPECT_EQ(one("artist", "notContains", "a"), "COALESCE(artist,'') NOT LIKE ? | %a%");
-  EXPECT_EQ(one("title", "startsWith", "Intro"), "COALESCE(title,'') LIKE ? | Intro%");
-  EXPECT_EQ(one("kind", "endsWith", "flac"), "COALESCE(file_type,'') LIKE ? | %flac");
+  EXPECT_EQ(one("artist", "notContains", "a"), "COALESCE(artist,'') NOT LIKE ? | '%a%'");
+  EXPECT_EQ(one("title", "startsWith", "Intro"), "COALESCE(title,'') LIKE ? | 'Intro%'");
+  EXPECT_EQ(one("kind", "endsWith", "flac"), "COALESCE(file_type,'') LIKE ? | '%flac'");
   EXPECT_EQ(one("plays", "is", "3"), "COALESCE(play_count,'') = ? | 3");
-  EXPECT_EQ(one("key", "isNot", "8A"), "COALESCE(key,'') <> ? | 8A");
+  EXPECT_EQ(one("key", "isNot", "8A"), "COALESCE(key,'') <> ? | '8A'");
   EXPECT_EQ(one("bitrate", "lt", "256"), "CAST(COALESCE(bitrate_kbps,0) AS REAL) < ? | 256");
+  EXPECT_EQ(one("bpm", "is", "122.5"), "COALESCE(bpm,'') = ? | 122.5");
+  // Year is kept as text, so is / is not compare text.
+  EXPECT_EQ(one("year", "isNot", "1999"), "COALESCE(year,'') <> ? | '1999'");
   EXPECT_EQ(one("dateAdded", "inLast", "7"), "COALESCE(date_added,0) > ? | 999395200");
   EXPECT_EQ(one("dateAdded", "inLast", "0.5"), "COALESCE(date_added,0) > ? | 999956800");
   // Days that do not parse mean 30, exactly 2,592,000 seconds.
   for (const char* bad : {"abc", "", " 7", "7 days", "nan"})
     EXPECT_EQ(one("dateAdded", "inLast", bad), "COALESCE(date_added,0) > ? | 997408000") << bad;
   // No check of operator against field kind; unknown names drop the rule.
-  EXPECT_EQ(one("artist", "gt", "x"), "CAST(COALESCE(artist,0) AS REAL) > ? | x");
+  EXPECT_EQ(one("artist", "gt", "x"), "CAST(COALESCE(artist,0) AS REAL) > ? | 'x'");
   EXPECT_EQ(one("Artist", "contains", "x"), "none");
   EXPECT_EQ(one("artist", "matches", "x"), "none");
+
+  // What a rule must be to be saved: a number for a number field, days from 0.
+  for (const auto& [field, op, value] :
+       std::vector<std::array<const char*, 3>>{{"bpm", "gt", "abc"},
+                                               {"bpm", "is", "inf"},
+                                               {"dateAdded", "inLast", "-5"},
+                                               {"rating", "lt", " 60"},
+                                               {"genre", "gt", "x"},
+                                               {"colour", "is", "red"}})
+    EXPECT_TRUE(rule(field, op, value).problem()) << field << ":" << op << ":" << value;
+  for (const auto& [field, op, value] : std::vector<std::array<const char*, 3>>{
+           {"bpm", "gt", "124.5"}, {"dateAdded", "inLast", "0"}, {"genre", "contains", ""}})
+    EXPECT_EQ(rule(field, op, value).problem(), std::nullopt) << field << ":" << op;
+  EXPECT_THAT(*rule("bpm", "gt", "abc").problem(), ::testing::HasSubstr("bpm:gt:abc"));
 }
 
 TEST(SmartRuleSql, DroppedRulesOrderingAndLimits) {
@@ -126,7 +144,7 @@ class SmartPlaylistsTest : public testing::StoreTest {
   }
 };
 
-TEST_F(SmartPlaylistsTest, EvaluatesInSqlWithTextBinds) {
+TEST_F(SmartPlaylistsTest, NumberFieldsCompareNumbersAndTextFoldsEveryScript) {
   const int64_t house = track("a", "Deep House", "122");
   const int64_t fast = track("b", "Techno", "130.5");
   const int64_t pct = track("c", "100% Vinyl", "");
@@ -144,9 +162,27 @@ TEST_F(SmartPlaylistsTest, EvaluatesInSqlWithTextBinds) {
   EXPECT_THAT(db().smart().smartQueryIds(p), ElementsAre(pct));
   p.rules = {rule("bpm", "lt", "125")};  // no BPM counts as 0
   EXPECT_THAT(db().smart().smartQueryIds(p), UnorderedElementsAre(house, pct));
-  // "is" on a REAL column compares a number with the bound text: no match.
+  // Number fields compare numbers: "is" used to meet a text bind and match
+  // nothing, "is not" everything.
   p.rules = {rule("bpm", "is", "122")};
-  EXPECT_TRUE(db().smart().smartQueryIds(p).empty());
+  EXPECT_THAT(db().smart().smartQueryIds(p), ElementsAre(house));
+  p.rules = {rule("bpm", "isNot", "122")};
+  EXPECT_THAT(db().smart().smartQueryIds(p), UnorderedElementsAre(fast, pct));
+  ASSERT_TRUE(db().tracks().setRating(std::vector<int64_t>{fast}, 3));
+  p.rules = {rule("rating", "is", "60")};
+  EXPECT_THAT(db().smart().smartQueryIds(p), ElementsAre(fast));
+  ASSERT_TRUE(db().tracks().setField("year", "2004", std::vector<int64_t>{pct}, "Edit Year"));
+  p.rules = {rule("year", "is", "2004")};
+  EXPECT_THAT(db().smart().smartQueryIds(p), ElementsAre(pct));
+  // Added in the last 30 days: was always empty.
+  db().execChecked("UPDATE tracks SET date_added = strftime('%s','now') - 86400 WHERE id = " +
+                   std::to_string(fast));
+  p.rules = {rule("dateAdded", "inLast", "30")};
+  EXPECT_THAT(db().smart().smartQueryIds(p), ElementsAre(fast));
+  // Text folds case in every script, as the search field does.
+  ASSERT_TRUE(db().tracks().writeField("genre", "Été Disco", std::vector<int64_t>{pct}));
+  p.rules = {rule("genre", "contains", "été")};
+  EXPECT_THAT(db().smart().smartQueryIds(p), ElementsAre(pct));
   p.rules = {rule("title", "is", "b")};
   EXPECT_THAT(db().smart().smartQueryIds(p), ElementsAre(fast));
   p.rules = {rule("nope", "is", "x")};

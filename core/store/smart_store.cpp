@@ -9,7 +9,8 @@ namespace orvel {
 std::vector<int64_t> SmartStore::smartQueryIds(const SmartPlaylist& playlist) const {
   const auto [sql, binds] = playlist.query();
   Statement st = conn_.prepare(sql);
-  for (size_t i = 0; i < binds.size(); ++i) st.bind(static_cast<int>(i + 1), binds[i]);
+  for (size_t i = 0; i < binds.size(); ++i)
+    std::visit([&](const auto& v) { st.bind(static_cast<int>(i + 1), v); }, binds[i]);
   std::vector<int64_t> ids;
   for (;;) {
     const int rc = st.stepCode();
@@ -52,8 +53,8 @@ std::map<int64_t, bool> SmartStore::smartPlaylists() const {
 SmartSaveResult SmartStore::saveSmartPlaylist(const SmartPlaylist& playlist,
                                               std::optional<int64_t> existing) {
   SmartSaveResult result;
-  if (playlist.rules.empty()) {
-    result.error = "Add at least one rule — an empty one matches everything";
+  if (auto why = playlist.problem()) {
+    result.error = *why;
     return result;
   }
   if (existing && !db_.playlists().playlist(*existing)) {

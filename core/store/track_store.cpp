@@ -1,4 +1,6 @@
 // Adding, loading and editing tracks. Every edit a user can undo is journaled.
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -7,6 +9,7 @@
 
 #include "core/store/log.h"
 #include "core/store/orvel_db.h"
+#include "core/store/track_values.h"
 #include "core/text/split.h"
 
 namespace orvel {
@@ -296,7 +299,10 @@ Status TrackStore::writeImportedTags(int64_t id, const NewTrack& t) {
       "UPDATE tracks SET year=?, comment=?, grouping=?, label=?, bitrate_kbps=?, "
       "samplerate_hz=?, file_type=?, bpm=?, key=? WHERE id=?");
   up.bind(1, t.year).bind(2, t.comment).bind(3, t.grouping).bind(4, t.label);
-  up.bind(5, t.bitrateKbps).bind(6, t.samplerateHz).bind(7, t.fileType).bind(8, t.bpm);
+  // A tag's tempo outside what a track can have (0, -1, 9999) is a misread,
+  // not a value to sort by.
+  const std::optional<double> bpm = t.bpm && isTempo(*t.bpm) ? t.bpm : std::nullopt;
+  up.bind(5, t.bitrateKbps).bind(6, t.samplerateHz).bind(7, t.fileType).bind(8, bpm);
   up.bind(9, t.key).bind(10, id);
   if (up.stepCode() != SQLITE_DONE) return conn_.lastStatus();
   return Status::ok();
@@ -353,6 +359,8 @@ Result<std::string> TrackStore::setField(const std::string& column,
     return Status::invalid("no tracks column named " + column);
   }
   if (ids.empty()) return Status::invalid("no tracks to change");
+  if (value)
+    if (Status ok = checkTrackValue(conn_, column, column, *value); !ok) return ok;
   Transaction tx(conn_);
   if (!tx) return tx.status();
   const std::string opId = journal_.begin(opName);
@@ -408,6 +416,8 @@ std::vector<int64_t> TrackStore::masterIds() const {
 }
 
 Status TrackStore::setBPM(int64_t id, double bpm) {
+  if (!isTempo(bpm))
+    return Status::invalid(fmt::format("a tempo is {} to {} BPM", kMinBpm, kMaxBpm));
   Statement st = conn_.prepare("UPDATE tracks SET bpm=? WHERE id=?");
   if (st.bind(1, bpm).bind(2, id).stepCode() != SQLITE_DONE) return conn_.lastStatus();
   return Status::ok();

@@ -11,10 +11,16 @@
 
 namespace orvel {
 
+// The tempi a track may have; anything else is a mistake or a misread tag.
+inline constexpr double kMinBpm = 20;
+inline constexpr double kMaxBpm = 999;
+bool isTempo(double bpm);
+
 // Ok for a value `column` can hold (an empty value clears, so it always can);
-// otherwise Status::invalid naming the field as the user called it. Ratings
-// are 0–100 in steps of 20 here, one star each. Reads the table's column
-// types through `conn`, on its owner thread.
+// otherwise Status::invalid naming the field as the user called it. Numbers
+// must be finite and whole numbers fit 64 bits; ratings are 0–100 in steps
+// of 20, one star each; tempi kMinBpm–kMaxBpm; years 0–9999. Reads the
+// table's column types through `conn`, on its owner thread.
 Status checkTrackValue(const Connection& conn, std::string_view column, std::string_view field,
                        std::string_view value);
 

@@ -122,6 +122,15 @@ TEST_F(CliTest, BadInputIsOneLineAndChangesNothing) {
   expectOneLine(orvel({"set", "path_norm", "x", std::to_string(a_)}), 2, "cannot be edited");
   expectOneLine(orvel({"set", "bpm", "fast", std::to_string(a_)}), 2, "takes a number");
   expectOneLine(orvel({"set", "rating", "4", std::to_string(a_)}), 2, "steps of 20");
+  for (const char* nonsense : {"-120", "1e308", "0"})
+    expectOneLine(orvel({"set", "bpm", nonsense, std::to_string(a_)}), 2,
+                  "a tempo is 20 to 999 BPM");
+  for (const char* nonsense : {"inf", "nan"})
+    expectOneLine(orvel({"set", "bpm", nonsense, std::to_string(a_)}), 2, "takes a number");
+  expectOneLine(orvel({"set", "year", "99999999999999999999", std::to_string(a_)}), 2,
+                "a year is a whole number from 0 to 9999");
+  expectOneLine(orvel({"set", "playcount", "99999999999999999999", std::to_string(a_)}), 2,
+                "far too big");
   expectOneLine(orvel({"set", "path", "/music/DJ Koze/xtc.MP3", std::to_string(a_)}), 1,
                 "UNIQUE");  // that file is another live track
   expectOneLine(orvel({"set", "genre", "House", std::to_string(a_), "999"}), 1,

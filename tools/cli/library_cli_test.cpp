@@ -75,12 +75,17 @@ TEST_F(LibraryCliTest, PlaylistsFromCreationToUndoneDeletion) {
 }
 
 TEST_F(LibraryCliTest, BadInputIsOneLineAndChangesNothing) {
+  db().execChecked("UPDATE tracks SET duration_ms = 2000 WHERE id = " + id(a_));
+  db_.reset();
   ASSERT_EQ(orvel({"smart", "save", "--name", "S", "--rule", "title:is:XTC"}).code, 0);
   const std::string before = state();
   const std::vector<std::pair<std::vector<std::string>, int>> bad = {
       {{"smart", "save", "--rule", "colour:is:red"}, 2},
       {{"smart", "save", "--rule", "bpm:contains:1"}, 2},
       {{"smart", "save", "--rule", "bpm"}, 2},
+      {{"smart", "save", "--rule", "bpm:gt:abc"}, 2},
+      {{"smart", "save", "--rule", "dateAdded:inLast:-5"}, 2},
+      {{"smart", "save", "--rule", "rating:is:inf"}, 2},
       {{"smart", "save", "--rule", "bpm:gt:1", "--limit-by", "loudness"}, 2},
       {{"smart", "save", "--id", "Sets", "--rule", "bpm:gt:1"}, 1},  // not a smart playlist
       {{"smart", "show", "Nowhere"}, 1},
@@ -95,6 +100,8 @@ TEST_F(LibraryCliTest, BadInputIsOneLineAndChangesNothing) {
       {{"cue", "add", id(a_), "1:75"}, 2},
       {{"cue", "add", "999", "10"}, 1},
       {{"cue", "loop", id(a_), "10", "0"}, 2},
+      {{"cue", "add", id(a_), "99999:00"}, 1},  // the track is two seconds long
+      {{"cue", "loop", id(a_), "1", "5s"}, 1},
       {{"cue", "rm", "424242"}, 1},
   };
   for (const auto& [args, code] : bad) {
@@ -119,7 +126,7 @@ TEST_F(LibraryCliTest, SmartPlaylistSqlLiveAndStatic) {
             "SELECT id FROM tracks\n"
             "WHERE merged_into IS NULL AND COALESCE(removed,0)=0 AND (COALESCE(genre,'') LIKE ? "
             "OR CAST(COALESCE(bpm,0) AS REAL) > ?) ORDER BY RANDOM()\n"
-            "-- ?1 = %House%\n"
+            "-- ?1 = '%House%'\n"
             "-- ?2 = 125\n");
   EXPECT_THAT(orvel({"smart", "show", "Either"}).out, HasSubstr("BPM is greater than \"125\""));
 

@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "core/text/visible.h"
 #include "tools/cli/commands.h"
 
 namespace orvel::cli {
@@ -36,6 +37,12 @@ std::string fieldList() {
   return out;
 }
 
+json bindsJson(const std::vector<SmartBind>& binds) {
+  json out = json::array();
+  for (const SmartBind& b : binds) std::visit([&](const auto& v) { out.push_back(v); }, b);
+  return out;
+}
+
 // "genre:contains:Deep House" -> a rule; the value may itself hold colons.
 SmartRule parseRule(const std::string& text) {
   const auto first = text.find(':');
@@ -52,7 +59,9 @@ SmartRule parseRule(const std::string& text) {
   if (std::none_of(ops.begin(), ops.end(), [&](const SmartOption& o) { return o.id == op; }))
     throw CliError(kBadUsage,
                    fmt::format("'{}' is not an operator for {}; use {}", op, field, joinIds(ops)));
-  return SmartRule::make(field, op, text.substr(second + 1));
+  SmartRule rule = SmartRule::make(field, op, text.substr(second + 1));
+  if (auto why = rule.problem()) throw CliError(kBadUsage, *why);
+  return rule;
 }
 
 std::string describe(const SmartRule& r) {
@@ -139,7 +148,7 @@ void show(Context& ctx, const SmartArgs& a) {
     ctx.out << jsonText(json{{"id", id},
                              {"rules", json::parse(p->toJSON())},
                              {"sql", sql},
-                             {"binds", binds}},
+                             {"binds", bindsJson(binds)}},
                         2)
             << '\n';
     return;
@@ -148,7 +157,7 @@ void show(Context& ctx, const SmartArgs& a) {
     // The statement exactly as it runs, then its binds as SQL comments.
     ctx.out << sql << '\n';
     for (size_t i = 0; i < binds.size(); ++i)
-      ctx.out << fmt::format("-- ?{} = {}\n", i + 1, binds[i]);
+      ctx.out << fmt::format("-- ?{} = {}\n", i + 1, visible(bindText(binds[i])));
     return;
   }
   ctx.out << fmt::format(
