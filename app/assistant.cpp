@@ -1,10 +1,13 @@
 #include "app/assistant.h"
 
+#include <fmt/format.h>
+
 #include <QByteArray>
 #include <QEventLoop>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <QTimer>
 #include <QUrl>
 #include <algorithm>
 #include <cstdlib>
@@ -28,7 +31,6 @@ namespace {
 using nlohmann::json;
 
 constexpr std::string_view kModel = "claude-sonnet-5";
-constexpr int kTimeoutMs = 60000;
 constexpr std::string_view kNoKey = "Add an API key in Settings → AI.";
 
 constexpr std::string_view kQueryTask =
@@ -106,6 +108,22 @@ AskResult failure(std::string message) {
 
 }  // namespace
 
+std::string withoutCredentials(std::string_view url) {
+  QUrl parsed(QString::fromUtf8(url.data(), static_cast<qsizetype>(url.size())));
+  if (!parsed.isValid() || parsed.userInfo().isEmpty()) {
+    // Not a URL Qt reads: still hide whatever sits between "//" and "@".
+    std::string text(url);
+    const size_t scheme = text.find("//");
+    const size_t at = text.find('@', scheme == std::string::npos ? 0 : scheme);
+    const size_t slash = text.find('/', scheme == std::string::npos ? 0 : scheme + 2);
+    if (scheme != std::string::npos && at != std::string::npos && at < slash)
+      text.replace(scheme + 2, at - scheme - 2, "***");
+    return text;
+  }
+  parsed.setUserInfo(QStringLiteral("***"));
+  return parsed.toString().toStdString();
+}
+
 AI::AI(SecretStore& secrets, std::string catalogPath)
     : secrets_(secrets), catalogPath_(std::move(catalogPath)) {}
 
@@ -125,11 +143,15 @@ AskResult AI::ask(const std::string& system, const std::string& user, int maxTok
   if (trimmed(key, " \t\r\n").empty()) return failure(std::string(kNoKey));
 
   const std::string base = Settings().aiBaseURL();
+  const std::string shownBase = withoutCredentials(base);
   QNetworkRequest request(QUrl(QString::fromStdString(base + "/v1/messages")));
   request.setRawHeader("Content-Type", "application/json");
   request.setRawHeader("x-api-key", QByteArray::fromStdString(key));
   request.setRawHeader("anthropic-version", "2023-06-01");
-  request.setTransferTimeout(kTimeoutMs);
+  // A redirect would carry the key to wherever the server points; none is
+  // followed, and the answer names where it pointed.
+  request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                       QNetworkRequest::ManualRedirectPolicy);
 
   const json body{{"model", kModel},
                   {"max_tokens", maxTokens},
@@ -146,22 +168,41 @@ AskResult AI::ask(const std::string& system, const std::string& user, int maxTok
   if (cancelled_) reply->abort();
   QEventLoop loop;
   QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+  // One deadline for the whole exchange: a transfer timeout restarts with
+  // every byte, so a server sending one a second would hold us for ever.
+  bool timedOut = false;
+  QTimer deadline;
+  deadline.setSingleShot(true);
+  QObject::connect(&deadline, &QTimer::timeout, reply, [reply, &timedOut] {
+    timedOut = true;
+    reply->abort();
+  });
+  deadline.start(limits_.exchange);
   if (!reply->isFinished()) loop.exec();
+  deadline.stop();
   {
     std::lock_guard lock(replyMutex_);
     reply_ = nullptr;
   }
 
   if (cancelled_) return failure("Cancelled.");
+  if (timedOut)
+    return failure(fmt::format("The AI service did not answer within {:g} seconds.",
+                               std::chrono::duration<double>(limits_.exchange).count()));
   const QVariant statusAttribute = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
   if (!statusAttribute.isValid()) {
-    if (reply->error() == QNetworkReply::OperationCanceledError)
-      return failure("The AI service did not answer within 60 seconds.");
-    return failure(withoutKey(
-        "Could not reach the AI service at " + base + ": " + reply->errorString().toStdString(),
-        key));
+    return failure(withoutKey("Could not reach the AI service at " + shownBase + ": " +
+                                  reply->errorString().toStdString(),
+                              key));
   }
   const int status = statusAttribute.toInt();
+  if (status >= 300 && status <= 399) {
+    const QUrl target = reply->attribute(QNetworkRequest::RedirectionTargetAttribute).toUrl();
+    return failure("The AI service at " + shownBase + " sent the request on to " +
+                   withoutCredentials(reply->url().resolved(target).toString().toStdString()) +
+                   "; it was not followed, so the key went nowhere else. Check the aiBaseURL "
+                   "setting.");
+  }
   const QByteArray raw = reply->readAll();
   const json answer = json::parse(raw.begin(), raw.end(), nullptr, false);
 
@@ -214,9 +255,9 @@ TrackQueryResult AI::trackQuery(const std::string& question) {
   }
   try {
     const ReadOnlyCatalogue catalogue(catalogPath_);
-    auto ran = catalogue.idsFromSelect(result.statement);
+    auto ran = catalogue.idsFromSelect(result.statement, {limits_.query, limits_.rows});
     if (auto* why = std::get_if<std::string>(&ran))
-      result.error = "The assistant's query did not run: " + *why;
+      result.error = "The assistant's query was not used: " + *why;
     else
       result.ids = std::move(std::get<std::vector<int64_t>>(ran));
   } catch (const StoreError& e) {

@@ -2,13 +2,20 @@
 // the catalogue, written by Anthropic's Messages API and run here, read-only.
 // Only the question and the column names leave the machine.
 //
-// `ask` and `trackQuery` block until the answer arrives (at most 60 s), waiting
-// in a local event loop; the command line calls them directly, the window from
-// a worker thread so its own loop keeps drawing. `cancel` may come from any
-// thread. A QCoreApplication must exist.
+// `ask` and `trackQuery` block until the answer arrives, waiting in a local
+// event loop; the command line calls them directly, the window from a worker
+// thread so its own loop keeps drawing. `cancel` may come from any thread. A
+// QCoreApplication must exist.
+//
+// What comes from outside is not trusted: the key is sent to the configured
+// address only (a redirect elsewhere is not followed), the whole exchange
+// has one deadline however slowly a server trickles its answer, and the
+// model's query runs read-only with a time limit and a row cap and must
+// return track ids.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -42,9 +49,22 @@ struct TrackQueryResult {
   bool ok() const { return error.empty(); }
 };
 
+// A URL with any user name and password in it replaced by "***", for every
+// place the address is shown or logged.
+std::string withoutCredentials(std::string_view url);
+
 class AI {
  public:
+  // The time the whole exchange with the service may take, and what the
+  // model's query may take.
+  struct Limits {
+    std::chrono::milliseconds exchange{60'000};
+    std::chrono::milliseconds query{5'000};
+    size_t rows = 100'000;
+  };
+
   AI(SecretStore& secrets, std::string catalogPath);
+  void setLimits(const Limits& limits) { limits_ = limits; }
   AI(const AI&) = delete;
   AI& operator=(const AI&) = delete;
 
@@ -66,6 +86,7 @@ class AI {
  private:
   SecretStore& secrets_;
   std::string catalogPath_;
+  Limits limits_;
   std::atomic<bool> busy_{false};
   std::atomic<bool> cancelled_{false};
   std::mutex replyMutex_;

@@ -4,12 +4,16 @@
 
 #include <QCoreApplication>
 #include <QTimer>
+#include <chrono>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 
 #include "app/settings.h"
 #include "app/testing/fake_messages_api.h"
+#include "core/store/locations.h"
 #include "core/store/read_only_catalogue.h"
 #include "core/testing/store_fixture.h"
 
@@ -176,6 +180,69 @@ TEST_F(AskTest, CancelStopsARequestThatNeverAnswers) {
   EXPECT_TRUE(busyWhileWaiting);
   EXPECT_FALSE(ai_.busy());
   EXPECT_EQ(api_.requests, 1);
+}
+
+// What a hostile or broken server can try: the key goes nowhere but the
+// configured address, and a slow answer cannot hold the exchange open.
+TEST_F(AskTest, TheKeyNeverLeavesForAnotherServerAndOneDeadlineHolds) {
+  FakeApi elsewhere;
+  elsewhere.replyText("SELECT id FROM tracks");
+  api_.redirectTo = elsewhere.baseURL() + "/v1/messages";
+  AskResult r = ai_.ask("s", "q", 10);
+  EXPECT_FALSE(r.text);
+  EXPECT_THAT(r.error, HasSubstr("was not followed"));
+  EXPECT_THAT(r.error, HasSubstr(elsewhere.baseURL()));
+  EXPECT_EQ(elsewhere.requests, 0);
+
+  api_.redirectTo.clear();
+  api_.trickle = true;
+  api_.replyText(std::string(100, 'x'));
+  ai_.setLimits({.exchange = std::chrono::milliseconds(600)});
+  const auto started = std::chrono::steady_clock::now();
+  r = ai_.ask("s", "q", 10);
+  EXPECT_EQ(r.error, "The AI service did not answer within 0.6 seconds.");
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(3));
+
+  // A password in the address is neither shown nor logged.
+  api_.trickle = false;
+  {
+    FakeApi gone;
+    const std::string base = gone.baseURL();
+    Settings().setAiBaseURL("http://dj:hunter2@" + base.substr(std::string("http://").size()));
+  }
+  r = ai_.ask("s", "q", 10);
+  EXPECT_THAT(r.error, HasSubstr("http://***@127.0.0.1:"));
+  EXPECT_THAT(r.error, Not(HasSubstr("hunter2")));
+  std::ifstream logFile(locations::logFile());
+  const std::string logged((std::istreambuf_iterator<char>(logFile)), {});
+  EXPECT_THAT(logged, Not(HasSubstr("hunter2")));
+  EXPECT_EQ(withoutCredentials("https://a:b@host:8/p"), "https://***@host:8/p");
+  EXPECT_EQ(withoutCredentials("https://host/p"), "https://host/p");
+}
+
+TEST_F(AskTest, OnlyAColumnOfTrackIdsIsTakenAndAQueryCannotRunForEver) {
+  ai_.setLimits({.query = std::chrono::milliseconds(200), .rows = 2});
+  for (const auto& [reply, why] : std::vector<std::pair<const char*, const char*>>{
+           {"SELECT path FROM tracks", "tracks.path, not the track id"},
+           {"SELECT rating FROM tracks", "tracks.rating, not the track id"},
+           {"SELECT 1 FROM tracks LIMIT 2", "not track ids"},
+           {"SELECT 'x' FROM tracks LIMIT 1", "other than track ids"},
+           {"SELECT id FROM tracks", "more than 2 tracks"},
+           {"SELECT id FROM tracks WHERE id IN (WITH RECURSIVE c(x) AS (SELECT 1 UNION ALL "
+            "SELECT x + 1 FROM c) SELECT x FROM c)",
+            "ran longer than 0.2 s"}}) {
+    api_.replyText(reply);
+    const TrackQueryResult r = ai_.trackQuery("q");
+    EXPECT_FALSE(r.ok()) << reply;
+    EXPECT_THAT(r.error, HasSubstr(why)) << reply;
+    EXPECT_TRUE(r.ids.empty()) << reply;
+  }
+  // A query that forgot the live condition still lists only library tracks.
+  ASSERT_TRUE(db().tracks().softRemove(std::vector<int64_t>{beta_}));
+  api_.replyText("SELECT id FROM tracks WHERE id <= " + std::to_string(beta_));
+  const TrackQueryResult r = ai_.trackQuery("q");
+  ASSERT_TRUE(r.ok()) << r.error;
+  EXPECT_EQ(r.ids, std::vector<int64_t>{alpha_});
 }
 
 TEST_F(AskTest, TheReadOnlyCatalogueCannotWriteWhateverItIsGiven) {

@@ -249,6 +249,40 @@ void BM_SmartQueryRandomLimit(benchmark::State& state) {
   runSmart(state, p);
 }
 
+// "Artist contains a" over the library: the Unicode LIKE the store registers
+// against SQLite's own ASCII-only one on a plain connection, same statement.
+constexpr const char* kContainsSql =
+    "SELECT id FROM tracks WHERE merged_into IS NULL AND COALESCE(removed,0)=0 AND "
+    "COALESCE(artist,'') LIKE ?";
+
+int64_t stepContains(sqlite3_stmt* st) {
+  sqlite3_reset(st);
+  sqlite3_bind_text(st, 1, "%a%", -1, SQLITE_STATIC);
+  int64_t found = 0;
+  while (sqlite3_step(st) == SQLITE_ROW) ++found;
+  return found;
+}
+
+void BM_ContainsSqliteLike(benchmark::State& state) {
+  library();
+  sqlite3* plain = nullptr;
+  sqlite3_open_v2((library().dir / "orvel.db").c_str(), &plain, SQLITE_OPEN_READONLY, nullptr);
+  sqlite3_stmt* st = nullptr;
+  sqlite3_prepare_v2(plain, kContainsSql, -1, &st, nullptr);
+  int64_t found = 0;
+  for (auto _ : state) found = stepContains(st);
+  state.counters["matches"] = static_cast<double>(found);
+  sqlite3_finalize(st);
+  sqlite3_close(plain);
+}
+
+void BM_ContainsUnicodeLike(benchmark::State& state) {
+  Statement st = library().db->prepare(kContainsSql);
+  int64_t found = 0;
+  for (auto _ : state) found = stepContains(st.get());
+  state.counters["matches"] = static_cast<double>(found);
+}
+
 void BM_ReorderPlaylist2000(benchmark::State& state) {
   OrvelDB& db = *library().db;
   static const int64_t crate = [&]() -> int64_t {
@@ -282,6 +316,8 @@ BENCHMARK(BM_SetFieldJournaled5000)->Unit(benchmark::kMillisecond)->MinTime(1.0)
 BENCHMARK(BM_SelectIdsBare)->Unit(benchmark::kMillisecond)->MinTime(1.0)->Repetitions(3);
 BENCHMARK(BM_SmartQueryThreeRules)->Unit(benchmark::kMillisecond)->MinTime(1.0)->Repetitions(3);
 BENCHMARK(BM_SmartQueryRandomLimit)->Unit(benchmark::kMillisecond)->MinTime(1.0)->Repetitions(3);
+BENCHMARK(BM_ContainsSqliteLike)->Unit(benchmark::kMillisecond)->MinTime(1.0)->Repetitions(3);
+BENCHMARK(BM_ContainsUnicodeLike)->Unit(benchmark::kMillisecond)->MinTime(1.0)->Repetitions(3);
 BENCHMARK(BM_ReorderPlaylist2000)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 
 // NOLINTEND(readability-identifier-naming)
@@ -309,6 +345,8 @@ int main(int argc, char** argv) {
         "BM_SelectIdsBare", 0);
   ratio("smartQueryIds, random limit 25 / bare SELECT id", "BM_SmartQueryRandomLimit",
         "BM_SelectIdsBare", 0);
+  ratio("artist contains 'a': Unicode LIKE / SQLite's ASCII LIKE", "BM_ContainsUnicodeLike",
+        "BM_ContainsSqliteLike", 2.0);
   ratio("reorderPlaylist, 2,000-track crate / bare SELECT id", "BM_ReorderPlaylist2000",
         "BM_SelectIdsBare", 0);
   const double perTrack = orvel::snapshotBytesPerTrack();

@@ -7,6 +7,7 @@
 
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QTimer>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -26,7 +27,9 @@ class FakeApi {
 
   int status = 200;
   std::string reply;
-  bool silent = false;  // never answer
+  bool silent = false;     // never answer
+  std::string redirectTo;  // answer 307 with this Location instead
+  bool trickle = false;    // send the headers, then one byte of the body every 100 ms
 
   int requests = 0;
   std::string requestLine;
@@ -62,10 +65,27 @@ class FakeApi {
       headers = seen;
       body = buffer->mid(end + 4, length).toStdString();
       if (silent) return;
-      const std::string response = "HTTP/1.1 " + std::to_string(status) +
-                                   " Canned\r\nContent-Type: application/json\r\nContent-Length: " +
-                                   std::to_string(reply.size()) + "\r\nConnection: close\r\n\r\n" +
-                                   reply;
+      if (!redirectTo.empty()) {
+        const std::string response = "HTTP/1.1 307 Elsewhere\r\nLocation: " + redirectTo +
+                                     "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+        socket->write(response.data(), static_cast<qint64>(response.size()));
+        socket->disconnectFromHost();
+        return;
+      }
+      const std::string head = "HTTP/1.1 " + std::to_string(status) +
+                               " Canned\r\nContent-Type: application/json\r\nContent-Length: " +
+                               std::to_string(reply.size()) + "\r\nConnection: close\r\n\r\n";
+      if (trickle) {
+        socket->write(head.data(), static_cast<qint64>(head.size()));
+        auto* timer = new QTimer(socket);
+        auto sent = std::make_shared<size_t>(0);
+        QObject::connect(timer, &QTimer::timeout, socket, [this, socket, sent] {
+          if (*sent < reply.size()) socket->write(reply.data() + (*sent)++, 1);
+        });
+        timer->start(100);
+        return;
+      }
+      const std::string response = head + reply;
       socket->write(response.data(), static_cast<qint64>(response.size()));
       socket->disconnectFromHost();
     });

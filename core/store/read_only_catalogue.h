@@ -7,6 +7,7 @@
 
 #include <sqlite3.h>
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -24,10 +25,24 @@ class ReadOnlyCatalogue {
   ReadOnlyCatalogue& operator=(const ReadOnlyCatalogue&) = delete;
   ~ReadOnlyCatalogue();
 
-  // The first column's integer values, in row order; or why the statement
-  // could not run (it does not compile, it is more than one statement, or
-  // SQLite refused it).
-  std::variant<std::vector<int64_t>, std::string> idsFromSelect(std::string_view sql) const;
+  // How much a statement given from outside may take.
+  struct Limits {
+    std::chrono::milliseconds time{5000};  // then it is stopped
+    size_t rows = 100'000;                 // more is refused
+  };
+
+  // The track ids a SELECT returns, in row order; or why the statement could
+  // not run or its answer is not track ids. It must be one statement, end
+  // within the time limit and return no more rows than allowed, and its
+  // first column must be the id of tracks: a column of another table or of
+  // another kind (a path, a rating, a literal) is refused, not taken for
+  // ids. Rows of tracks no longer in the library (removed, merged) are left
+  // out.
+  std::variant<std::vector<int64_t>, std::string> idsFromSelect(std::string_view sql,
+                                                                const Limits& limits) const;
+  std::variant<std::vector<int64_t>, std::string> idsFromSelect(std::string_view sql) const {
+    return idsFromSelect(sql, Limits{});
+  }
 
  private:
   sqlite3* db_ = nullptr;

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "app/assistant.h"
+#include "core/text/visible.h"
 #include "tools/cli/commands.h"
 
 namespace orvel::cli {
@@ -45,7 +46,7 @@ void addAskCommands(CLI::App& app, Context& ctx) {
       ctx.out << jsonText({{"query", result.statement}, {"ids", result.ids}}) << "\n";
       return;
     }
-    ctx.out << "query: " << result.statement << "\n";
+    ctx.out << "query: " << visible(result.statement) << "\n";
     printTrackTable(ctx.out, tracksInOrder(db, result.ids));
   });
 }

@@ -5,6 +5,7 @@
 #include <set>
 
 #include "core/store/log.h"
+#include "core/text/visible.h"
 #include "tools/cli/commands.h"
 #include "tools/cli/progress.h"
 
@@ -74,15 +75,17 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
   } catch (const CLI::CallForVersion& e) {
     return app.exit(e, out, err);
   } catch (const CLI::ParseError& e) {
-    err << "orvel: " << e.what() << "\n";
+    err << "orvel: " << visible(e.what()) << "\n";
     if (e.get_name() == "RequiredError" && app.get_subcommands().empty())
       err << "Run 'orvel --help' for the commands.\n";
     return kBadUsage;
   } catch (const CliError& e) {
-    err << "orvel: " << e.what() << "\n";
+    // A reason may quote a tag, a file name or a server's words: one line,
+    // with nothing in it a terminal would act on.
+    err << "orvel: " << visible(e.what()) << "\n";
     return e.code();
   } catch (const std::exception& e) {
-    err << "orvel: " << e.what() << "\n";
+    err << "orvel: " << visible(e.what()) << "\n";
     return kFailed;
   }
   return kDone;

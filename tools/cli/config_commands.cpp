@@ -81,11 +81,12 @@ const std::vector<Pref>& prefs() {
          s.setBpmCeiling(parseNumber("bpmCeiling", v, 0, 999));
        }},
       {app::keys::kAiBaseURL, "address the assistant sends its questions to",
-       [](const Settings& s) { return s.aiBaseURL(); },
+       // A password in the address is never shown.
+       [](const Settings& s) { return app::withoutCredentials(s.aiBaseURL()); },
        [](Settings& s, const std::string& v) {
          if (!v.starts_with("https://") && !v.starts_with("http://"))
-           throw CliError(kBadUsage,
-                          "aiBaseURL takes an http:// or https:// address, not \"" + v + "\"");
+           throw CliError(kBadUsage, "aiBaseURL takes an http:// or https:// address, not \"" +
+                                         app::withoutCredentials(v) + "\"");
          s.setAiBaseURL(v);
        }},
       {app::keys::kPlayHistoryLimit, "plays kept in the play history",

@@ -8,6 +8,7 @@
 
 #include "core/text/path_norm.h"
 #include "core/text/split.h"
+#include "core/text/visible.h"
 #include "tools/cli/commands.h"
 #include "tools/cli/table.h"
 #include "tools/cli/track_json.h"
@@ -106,11 +107,12 @@ void show(Context& ctx, int64_t id, bool asJson) {
     return;
   }
   std::ostream& out = ctx.out;
+  // Every text below came from tags or the file system: printed visible.
   out << fmt::format("#{}  {} — {}{}\n", row->id,
-                     row->artist().empty() ? "(no artist)" : row->artist(), row->title(),
-                     j["removed"].get<bool>() ? "  [removed]" : "");
+                     row->artist().empty() ? "(no artist)" : visible(row->artist()),
+                     visible(row->title()), j["removed"].get<bool>() ? "  [removed]" : "");
   const auto line = [&](const char* label, std::string_view value) {
-    if (!value.empty()) out << fmt::format("  {:<10} {}\n", label, value);
+    if (!value.empty()) out << fmt::format("  {:<10} {}\n", label, visible(value));
   };
   line("album", row->album());
   line("genre", row->genre());
@@ -140,7 +142,7 @@ void show(Context& ctx, int64_t id, bool asJson) {
     out << fmt::format(
         "  {:<10} {} {} at {}{}\n", c["kind"].get<std::string>(), c["bank"].get<std::string>(),
         c["index"].get<int64_t>(), clockTime(ms),
-        c["name"].get<std::string>().empty() ? "" : "  " + c["name"].get<std::string>());
+        c["name"].get<std::string>().empty() ? "" : "  " + visible(c["name"].get<std::string>()));
   }
   for (const auto& g : j["beatgrids"])
     out << fmt::format("  {:<10} {} anchors\n", "beatgrid", g["anchors"].size());

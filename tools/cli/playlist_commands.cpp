@@ -7,6 +7,7 @@
 #include <set>
 
 #include "core/text/split.h"
+#include "core/text/visible.h"
 #include "tools/cli/commands.h"
 #include "tools/cli/track_json.h"
 
@@ -29,7 +30,7 @@ struct PlaylistArgs {
 };
 
 std::string quoted(OrvelDB& db, int64_t id) {
-  return "\"" + db.playlists().playlistPath(id) + "\"";
+  return "\"" + visible(db.playlists().playlistPath(id)) + "\"";
 }
 
 bool isColor(const std::string& s) {
@@ -57,7 +58,7 @@ void printTree(std::ostream& out, const std::vector<CrateNode>& level, const std
     std::string detail = n.kind;
     if (n.sourceName != "orvel" && !n.sourceName.empty()) detail += ", " + n.sourceName;
     if (n.color) detail += ", " + *n.color;
-    out << fmt::format("{}{}  ({}, {})  #{}\n", indent, n.name, detail,
+    out << fmt::format("{}{}  ({}, {})  #{}\n", indent, visible(n.name), visible(detail),
                        countOf(static_cast<size_t>(n.trackCount), "track"), n.id);
     printTree(out, n.children, indent + "  ");
   }
@@ -107,8 +108,8 @@ void show(Context& ctx, int64_t id, bool asJson) {
     ctx.out << jsonText(j, 2) << '\n';
     return;
   }
-  ctx.out << fmt::format("#{}  {}  ({}{}, {})\n", id, db.playlists().playlistPath(id), kind,
-                         node->sourceName.empty() ? "" : ", " + node->sourceName,
+  ctx.out << fmt::format("#{}  {}  ({}{}, {})\n", id, visible(db.playlists().playlistPath(id)),
+                         kind, node->sourceName.empty() ? "" : ", " + node->sourceName,
                          countOf(ids.size(), "track"));
   if (kind == "smart")
     ctx.out << (smart ? fmt::format("  {} smart playlist; see: orvel smart show {}\n",

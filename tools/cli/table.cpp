@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "core/text/visible.h"
+
 namespace orvel::cli {
 
 size_t displayWidth(const std::string& s) {
@@ -20,6 +22,12 @@ std::string fit(const std::string& s, size_t width) {
     out += s[i];
   }
   return out + "…";
+}
+
+void Table::add(std::vector<std::string> cells) {
+  for (std::string& cell : cells)
+    if (needsEscaping(cell)) cell = visible(cell);
+  rows_.push_back(std::move(cells));
 }
 
 void Table::print(std::ostream& out) const {

@@ -17,7 +17,9 @@ struct Column {
 class Table {
  public:
   explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
-  void add(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
+  // Cells hold text from tags and file names: control characters in them
+  // are shown as escapes, never sent to the terminal.
+  void add(std::vector<std::string> cells);
   void print(std::ostream& out) const;
 
  private:
