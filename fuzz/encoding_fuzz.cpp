@@ -11,8 +11,10 @@
 #include <vector>
 
 #include "core/formats/serato_tlv.h"
+#include "core/store/unicode_like.h"
 #include "core/text/encoding.h"
 #include "core/text/path_norm.h"
+#include "core/text/visible.h"
 #include "fuzz/fuzz_checks.h"
 
 namespace orvel::fuzz {
@@ -94,6 +96,41 @@ void checkBase64(std::span<const uint8_t> bytes) {
   require(base64Decode(base64Encode(*decoded)) == decoded);
 }
 
+// What is printed of a tag: nothing a terminal acts on, and text unchanged
+// when it had nothing to hide.
+void checkVisible(std::span<const uint8_t> bytes) {
+  const std::string_view raw(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  const std::string shown = visible(raw);
+  require(isValidUtf8(shown));
+  for (size_t i = 0; i < shown.size(); ++i) {
+    const auto c = static_cast<unsigned char>(shown[i]);
+    require(c >= 0x20 && c != 0x7f);
+    // U+0080–U+009F, the 8-bit controls, spelled in UTF-8.
+    require(
+        !(c == 0xC2 && i + 1 < shown.size() && static_cast<unsigned char>(shown[i + 1]) < 0xA0));
+  }
+  require((shown == raw) == !needsEscaping(raw));
+}
+
+// The smart rules' LIKE over a pattern and a text split at the first NUL:
+// it ends, "%" takes anything, and a text matches itself spelled with every
+// character escaped.
+void checkLike(std::span<const uint8_t> bytes) {
+  const std::string_view raw(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  const size_t cut = raw.find('\0');
+  const std::string_view pattern = raw.substr(0, cut);
+  const std::string_view text = cut == std::string_view::npos ? raw : raw.substr(cut + 1);
+  (void)unicodeLike(pattern, text);
+  require(unicodeLike("%", text));
+  if (!isValidUtf8(text)) return;
+  std::string literal;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if ((static_cast<unsigned char>(text[i]) & 0xC0) != 0x80) literal += '!';
+    literal += text[i];
+  }
+  require(unicodeLike(literal, text, std::string_view("!")));
+}
+
 }  // namespace
 }  // namespace orvel::fuzz
 
@@ -104,5 +141,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   checkUtf16(input);
   checkUtf8AndAscii(input);
   checkBase64(input);
+  checkVisible(input);
+  checkLike(input);
   return 0;
 }
