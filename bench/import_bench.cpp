@@ -11,6 +11,7 @@
 
 #include <memory>
 
+#include "app/audio/decoder.h"
 #include "bench/ratio_reporter.h"
 #include "bench/sample_audio.h"
 #include "core/import/importer.h"
@@ -60,14 +61,14 @@ void BM_TagLibBareLoop(benchmark::State& state) {
       benchmark::Counter(kFiles, benchmark::Counter::kIsIterationInvariantRate);
 }
 
-void BM_Import(benchmark::State& state) {
+void runImport(benchmark::State& state, const Importer::Options& options) {
   const std::vector<std::filesystem::path> root{library().dir.path() / "Music"};
   for (auto _ : state) {
     state.PauseTiming();
     testing::TempDir dir;
     auto db = std::make_unique<OrvelDB>((dir.path() / "orvel.db").string());
     state.ResumeTiming();
-    const auto r = Importer::ingest(root, *db, {});
+    const auto r = Importer::ingest(root, *db, options);
     state.PauseTiming();
     if (static_cast<int>(r.added.size()) != kFiles)
       state.SkipWithError(fmt::format("imported {} of {}", r.added.size(), kFiles).c_str());
@@ -78,8 +79,24 @@ void BM_Import(benchmark::State& state) {
       benchmark::Counter(kFiles, benchmark::Counter::kIsIterationInvariantRate);
 }
 
+void BM_Import(benchmark::State& state) {
+  runImport(state, {});
+}
+
+// As the command line imports: a file TagLib finds no audio in is asked
+// about again through FFmpeg.
+void BM_ImportCheckingAudio(benchmark::State& state) {
+  Importer::Options options;
+  options.whyNotAudio = [](const std::filesystem::path& f) -> std::optional<std::string> {
+    if (audio::Decoder::probe(f)) return std::nullopt;
+    return "not audio";
+  };
+  runImport(state, options);
+}
+
 BENCHMARK(BM_TagLibBareLoop)->Unit(benchmark::kMillisecond)->Iterations(3)->Repetitions(3);
 BENCHMARK(BM_Import)->Unit(benchmark::kMillisecond)->Iterations(3)->Repetitions(3);
+BENCHMARK(BM_ImportCheckingAudio)->Unit(benchmark::kMillisecond)->Iterations(3)->Repetitions(3);
 
 }  // namespace
 }  // namespace orvel
@@ -96,6 +113,8 @@ int main(int argc, char** argv) {
   fmt::print("\nRatio against the bare TagLib loop over the same files, same run:\n");
   reporter.printRatio("import of 2,000 files / bare TagLib tag loop", "BM_Import",
                       "BM_TagLibBareLoop", 2.0);
+  reporter.printRatio("the same with the audio check of the command line / bare TagLib loop",
+                      "BM_ImportCheckingAudio", "BM_TagLibBareLoop", 0);
   benchmark::Shutdown();
   return 0;
 }

@@ -360,13 +360,16 @@ Result ingest(std::span<const fs::path> urls, OrvelDB& db, const Options& opt) {
       ++result.dupes;
       continue;
     }
-    if (opt.whyNotAudio) {
+    const Tags tags = readTags(file);
+    // A file whose header TagLib reads as audio is taken at its word; one it
+    // finds no audio in (a text or a database renamed .mp3) is asked about
+    // once more, more thoroughly and more slowly.
+    if (opt.whyNotAudio && (!tags.durationMs || *tags.durationMs <= 0 || !tags.sampleRateHz)) {
       if (auto notAudio = opt.whyNotAudio(file)) {
         fail(file, *notAudio);
         continue;
       }
     }
-    const Tags tags = readTags(file);
     fs::path path = file;
     if (copyThis) {
       const fs::path folder = *opt.mediaRoot / folderName(tags.artist, "Unknown Artist") /

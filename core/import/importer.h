@@ -83,8 +83,9 @@ struct Options {
   // Checked between files; set it to stop after the current one.
   const std::atomic<bool>* cancel = nullptr;
   // Why a file with an audio extension holds no audio that can be played
-  // (a text or a database renamed .mp3), or none when it does. Unset, every
-  // file that TagLib and the file system accept is taken.
+  // (a text or a database renamed .mp3), or none when it does. Asked only of
+  // files in which TagLib found no audio (no length or sample rate). Unset,
+  // every file that the file system accepts is taken.
   std::function<std::optional<std::string>(const std::filesystem::path&)> whyNotAudio{};
 };
 

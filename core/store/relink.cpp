@@ -177,8 +177,8 @@ Status TrackStore::relinkOne(const std::string& opId, const std::string& opName,
   for (int64_t list : lists)
     if (Status s = journal_.snapshotPlaylist(opId, opName, list); !s) return s;
   if (Status s = journal_.snapshotRow(opId, opName, "tracks", found); !s) return s;
-  // The duplicate's cues and grids of a source the kept row has none of
-  // (a hot cue set on it before the relink) go over with it.
+  // The duplicate's cues of a source the kept row has none of (Serato's,
+  // read from the file at its new place) go over with it.
   std::vector<int64_t> cues;
   {
     Statement st = conn_.prepare(

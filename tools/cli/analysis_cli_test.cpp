@@ -136,8 +136,10 @@ TEST_F(AnalysisCliTest, ARunIsOneOperationAndALockedCatalogueStopsItWithOneLine)
                                     [](const json& op) { return op["opName"] == "Analyze Cues"; });
   EXPECT_EQ(cueOps, 1);
   ASSERT_EQ(orvel({"undo"}).code, 0);
-  for (int64_t id : {m_, t_})
-    for (const json& c : track(id)["cues"]) EXPECT_NE(c["name"], "AUTO IN") << id;
+  for (int64_t id : {m_, t_}) {
+    const json shown = track(id);
+    for (const json& c : shown["cues"]) EXPECT_NE(c["name"], "AUTO IN") << id;
+  }
 }
 
 TEST_F(AnalysisCliTest, KeyLabelsAndTransposing) {
