@@ -86,11 +86,12 @@ bench:
 FUZZ_BUILD := build/fuzz
 FUZZ_SECONDS ?= 30
 # target:longest input. A tag carries whole Markers2 objects and a TLV file a
-# few tracks; the other two take one object or one text. A WAV file needs
+# few tracks; a container file both payloads under its headers; the other
+# two take one object or one text. A WAV file needs
 # only a header and a few frames to reach every branch, a library XML a
 # couple of tracks and playlists.
-FUZZ_TARGETS := id3_fuzz:4096 serato_markers_fuzz:2048 serato_tlv_fuzz:4096 encoding_fuzz:512 \
-                wav_reader_fuzz:1024 music_xml_fuzz:4096
+FUZZ_TARGETS := id3_fuzz:4096 serato_markers_fuzz:2048 serato_containers_fuzz:8192 \
+                serato_tlv_fuzz:4096 encoding_fuzz:512 wav_reader_fuzz:1024 music_xml_fuzz:4096
 
 fuzz-build:
 	cmake -S fuzz -B $(FUZZ_BUILD) -G Ninja -DCMAKE_CXX_COMPILER=clang++-14 >/dev/null

@@ -12,6 +12,7 @@
 
 #include "app/app_paths.h"
 #include "core/formats/serato_library.h"
+#include "core/testing/serato_bytes.h"
 #include "core/testing/store_fixture.h"
 
 namespace orvel::app {
@@ -62,7 +63,7 @@ class CrateExportTest : public orvel::testing::StoreTest {
   fs::path seratoFolder() {
     fs::path dir = dir_ / "_Serato_";
     fs::create_directories(dir / "Subcrates");
-    std::ofstream database(dir / SeratoLibrary::kDatabaseFile);
+    testing::writeBytes(dir / SeratoLibrary::kDatabaseFile, testing::seratoDatabase({}));
     return dir;
   }
   // Sending runs the real script; it needs Python and a machine without Serato.

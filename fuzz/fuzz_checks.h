@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -38,12 +39,12 @@ inline bool sameCue(const SeratoCue& a, const SeratoCue& b) {
 
 inline bool sameLoop(const SeratoLoop& a, const SeratoLoop& b) {
   return a.index == b.index && sameBits(a.startMs, b.startMs) && sameBits(a.endMs, b.endMs) &&
-         a.name == b.name;
+         a.colorHex == b.colorHex && a.locked == b.locked && a.name == b.name;
 }
 
 inline bool sameAnchor(const SeratoGridAnchor& a, const SeratoGridAnchor& b) {
   return sameBits(a.positionSec, b.positionSec) && sameBits(a.bpm, b.bpm) &&
-         sameBits(a.beatsToNext, b.beatsToNext);
+         a.beatsToNext == b.beatsToNext;
 }
 
 template <typename T, typename Same>
@@ -57,7 +58,8 @@ bool sameList(std::span<const T> a, std::span<const T> b, Same same) {
 inline bool sameTags(const SeratoFileTags& a, const SeratoFileTags& b) {
   return sameList<SeratoCue>(a.cues, b.cues, sameCue) &&
          sameList<SeratoLoop>(a.loops, b.loops, sameLoop) &&
-         sameList<SeratoGridAnchor>(a.gridAnchors, b.gridAnchors, sameAnchor);
+         sameList<SeratoGridAnchor>(a.gridAnchors, b.gridAnchors, sameAnchor) &&
+         a.trackColorHex == b.trackColorHex && a.bpmLocked == b.bpmLocked;
 }
 
 // A whole number a 32-bit field can hold: milliseconds are stored that way.
@@ -82,6 +84,7 @@ inline void checkCue(const SeratoCue& cue) {
 inline void checkLoop(const SeratoLoop& loop) {
   require(loop.index >= 0 && loop.index <= 255);
   require(isU32(loop.startMs) && isU32(loop.endMs));
+  require(!loop.colorHex || isUpperHexColor(*loop.colorHex));
   require(!loop.name || isValidUtf8(*loop.name));
 }
 
@@ -96,7 +99,7 @@ SeratoFileTags parseTwice(std::span<const uint8_t> object, Parse parse) {
   SeratoFileTags again;
   const SeratoCue cue{.index = -1, .positionMs = -1, .colorHex = std::nullopt, .name = "kept"};
   const SeratoLoop loop{.index = -1, .startMs = -1, .endMs = -2, .name = std::nullopt};
-  const SeratoGridAnchor anchor{.positionSec = -1, .bpm = std::nullopt, .beatsToNext = -1};
+  const SeratoGridAnchor anchor{.positionSec = -1, .bpm = std::nullopt, .beatsToNext = 7u};
   again.cues.push_back(cue);
   again.loops.push_back(loop);
   again.gridAnchors.push_back(anchor);
@@ -115,9 +118,12 @@ inline SeratoFileTags checkMarkers2(std::span<const uint8_t> object) {
   require(tags.gridAnchors.empty());
   for (const SeratoCue& cue : tags.cues) checkCue(cue);
   for (const SeratoLoop& loop : tags.loops) checkLoop(loop);
-  // An entry decodes from at least 18 bytes (a type letter, its NUL, the
-  // length, a 12-byte body), and base64 yields fewer bytes than its text.
-  require((tags.cues.size() + tags.loops.size()) * 18 <= object.size());
+  require(!tags.trackColorHex || isUpperHexColor(*tags.trackColorHex));
+  // An entry takes at least 16 bytes (a type letter, its NUL, the length, a
+  // 10-byte loop body) behind the 2 version bytes, and base64 yields fewer
+  // bytes than its text.
+  require((tags.cues.size() + tags.loops.size()) * 16 + 2 <= object.size() ||
+          tags.cues.size() + tags.loops.size() == 0);
   return tags;
 }
 
@@ -130,6 +136,9 @@ inline SeratoFileTags checkBeatGrid(std::span<const uint8_t> object) {
     const SeratoGridAnchor& a = tags.gridAnchors[i];
     require(a.bpm.has_value() != a.beatsToNext.has_value());
     require(!a.bpm || i + 1 == tags.gridAnchors.size());
+    // A tempo, where there is one, is a finite positive number.
+    if (const auto tempo = SeratoFileTags::tempoAt(tags.gridAnchors, i))
+      require(std::isfinite(*tempo) && *tempo > 0);
   }
   return tags;
 }

@@ -47,11 +47,12 @@ def cue_body(index, position_ms, colour, name):
             + name.encode("utf-8") + b"\0")
 
 
-def loop_body(index, start_ms, end_ms, name):
-    # The reader takes the name from offset 21: flag, slot, start, end, four
-    # 0xFF, a colour with its leading zero, three flag bytes.
+def loop_body(index, start_ms, end_ms, name, locked=False):
+    # flag, slot, start, end, four 0xFF, a colour with its leading zero, a
+    # byte, the locked flag, then the name from offset 20.
     return (b"\0" + bytes([index]) + u32(start_ms) + u32(end_ms) + b"\xff" * 4
-            + b"\0" + rgb("27AAE1") + b"\0\0\0" + name.encode("utf-8") + b"\0")
+            + b"\0" + rgb("27AAE1") + b"\0" + bytes([1 if locked else 0])
+            + name.encode("utf-8") + b"\0")
 
 
 def markers2_payload():
@@ -77,10 +78,12 @@ def markers2_object(payload, keep_padding=False, minimum=470):
 
 
 def beatgrid_object(markers):
-    # markers: (position seconds, beats to the next marker or, last, BPM)
+    # markers: (position seconds, beats to the next marker as an integer or,
+    # for the last, its BPM as a float)
     body = b"\x01\x00" + u32(len(markers))
-    for position, tail in markers:
-        body += f32(position) + f32(tail)
+    for i, (position, tail) in enumerate(markers):
+        last = i + 1 == len(markers)
+        body += f32(position) + (f32(tail) if last else u32(int(tail)))
     return body + b"\0"  # footer
 
 
@@ -165,6 +168,62 @@ def markers_seeds():
         "cue_body": cue_body(2, 120000, "00CC00", "Vocal"),
         "loop_body": loop_body(1, 1000, 9000, "Loop"),
     }
+
+
+# --- Serato payloads in other containers ----------------------------------------
+
+
+def envelope(description, obj):
+    # base64 without "=", a line break every 72 characters
+    text = base64.b64encode(b"application/octet-stream\0\0" + description.encode("ascii")
+                            + b"\0" + obj).rstrip(b"=")
+    return b"\n".join(text[i:i + 72] for i in range(0, len(text), 72))
+
+
+def vorbis_comments(comments):
+    out = struct.pack("<I", 4) + b"seed" + struct.pack("<I", len(comments))
+    for key, value in comments:
+        item = key.encode("ascii") + b"=" + value
+        out += struct.pack("<I", len(item)) + item
+    return out
+
+
+def ogg_page(flags, sequence, packet):
+    lacing = [255] * (len(packet) // 255) + [len(packet) % 255]
+    return (b"OggS\0" + bytes([flags]) + b"\0" * 8 + struct.pack("<III", 7, sequence, 0)
+            + bytes([len(lacing)]) + bytes(lacing) + packet)
+
+
+def box(kind, body):
+    return u32(len(body) + 8) + kind.encode("ascii") + body
+
+
+def container_seeds():
+    markers = markers2_object(markers2_payload(), minimum=0)
+    grid = beatgrid_object([(0.25, 64), (30.25, 124.0)])
+    m = envelope("Serato Markers2", markers)
+    g = envelope("Serato BeatGrid", grid)
+    comments = vorbis_comments([("SERATO_MARKERS_V2", m), ("SERATO_BEATGRID", g)])
+    flac = (b"fLaC\x00\0\0\x22" + b"\x11" * 34 + b"\x84" + struct.pack(">I", len(comments))[1:]
+            + comments + b"\xff\xf8")
+    ogg = (ogg_page(2, 0, b"\x01vorbis" + b"\0" * 23)
+           + ogg_page(0, 1, b"\x03vorbis" + vorbis_comments([("serato_markers2", m),
+                                                            ("serato_beatgrid", g)]) + b"\x01"))
+    items = b"".join(box("----", box("mean", b"\0" * 4 + b"com.serato.dj")
+                         + box("name", b"\0" * 4 + name) + box("data", u32(1) + b"\0" * 4 + value))
+                     for name, value in ((b"markersv2", m), (b"beatgrid", g)))
+    meta = box("meta", b"\0" * 4 + box("hdlr", b"\0" * 8 + b"mdirappl" + b"\0" * 9)
+               + box("ilst", items))
+    mp4 = box("ftyp", b"M4A \0\0\0\0") + box("moov", box("udta", meta)) + box("mdat", b"\0" * 8)
+    id3 = tag(4, [frame(4, "GEOB", geob_body("Serato Markers2", markers)),
+                  frame(4, "GEOB", geob_body("Serato BeatGrid", grid))], padding=0)
+    pad = b"\0" if len(id3) % 2 else b""
+    aiff_chunks = b"COMM" + u32(18) + b"\0" * 18 + b"ID3 " + u32(len(id3)) + id3 + pad
+    aiff = b"FORM" + u32(len(aiff_chunks) + 4) + b"AIFF" + aiff_chunks
+    wav = riff_chunk("RIFF", b"WAVE" + riff_chunk("fmt ", wav_fmt(1, 2, 44100, 16))
+                     + riff_chunk("id3 ", id3))
+    return {"flac": flac, "ogg": ogg, "m4a": mp4, "aiff": aiff, "wav": wav,
+            "mp3": id3 + b"\xff\xfb\x90\x00"}
 
 
 # --- Serato library files ----------------------------------------------------
@@ -309,6 +368,7 @@ def main(argv):
         "encoding_fuzz": encoding_seeds(),
         "wav_reader_fuzz": wav_seeds(),
         "music_xml_fuzz": music_xml_seeds(),
+        "serato_containers_fuzz": container_seeds(),
     }
     for target, seeds in targets.items():
         folder = out / target

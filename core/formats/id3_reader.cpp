@@ -1,6 +1,7 @@
 #include "core/formats/id3_reader.h"
 
 #include <cstdio>
+#include <functional>
 #include <memory>
 
 #include "core/text/encoding.h"
@@ -51,10 +52,10 @@ std::vector<GEOBFrame> ID3Reader::geobFrames(const std::filesystem::path& file) 
   return geobFrames(header, body);
 }
 
-std::vector<GEOBFrame> ID3Reader::geobFrames(std::span<const uint8_t> header,
-                                             std::span<const uint8_t> rawBody) {
+void ID3Reader::walk(std::span<const uint8_t> header, std::span<const uint8_t> rawBody,
+                     const std::function<void(std::string_view, std::span<const uint8_t>)>& visit) {
   const auto size = tagSize(header);
-  if (!size || rawBody.empty()) return {};
+  if (!size || rawBody.empty()) return;
   if (rawBody.size() > *size) rawBody = rawBody.first(*size);
   const uint8_t version = header[3];
   const uint8_t flags = header[5];
@@ -76,9 +77,7 @@ std::vector<GEOBFrame> ID3Reader::geobFrames(std::span<const uint8_t> header,
   const bool v2 = version == 2;
   const size_t idLength = v2 ? 3 : 4;
   const size_t headerLength = v2 ? 6 : 10;
-  const std::string_view wanted = v2 ? "GEO" : "GEOB";
 
-  std::vector<GEOBFrame> frames;
   while (pos + headerLength <= body.size()) {
     const uint8_t* h = body.data() + pos;
     if (h[0] == 0) break;  // padding
@@ -93,18 +92,67 @@ std::vector<GEOBFrame> ID3Reader::geobFrames(std::span<const uint8_t> header,
       frameSize = readU32BE(h + 4);
     if (frameSize == 0 || pos + headerLength + frameSize > body.size()) break;
 
-    if (*id == wanted) {
-      std::span<const uint8_t> frameBody = body.subspan(pos + headerLength, frameSize);
-      std::vector<uint8_t> frameDeunsynced;
-      if (version == 4 && (h[9] & 0x02)) {
-        frameDeunsynced = deunsync(frameBody);
-        frameBody = frameDeunsynced;
-      }
-      if (auto frame = parseGEOB(frameBody)) frames.push_back(std::move(*frame));
+    std::span<const uint8_t> frameBody = body.subspan(pos + headerLength, frameSize);
+    std::vector<uint8_t> frameDeunsynced;
+    if (version == 4 && (h[9] & 0x02)) {
+      frameDeunsynced = deunsync(frameBody);
+      frameBody = frameDeunsynced;
     }
+    visit(*id, frameBody);
     pos += headerLength + frameSize;
   }
+}
+
+std::vector<GEOBFrame> ID3Reader::geobFrames(std::span<const uint8_t> header,
+                                             std::span<const uint8_t> body) {
+  std::vector<GEOBFrame> frames;
+  const bool v2 = header.size() > 3 && header[3] == 2;
+  const std::string_view wanted = v2 ? "GEO" : "GEOB";
+  walk(header, body, [&](std::string_view id, std::span<const uint8_t> frameBody) {
+    if (id != wanted) return;
+    if (auto frame = parseGEOB(frameBody)) frames.push_back(std::move(*frame));
+  });
   return frames;
+}
+
+std::vector<ID3Reader::TextFrame> ID3Reader::textFrames(std::span<const uint8_t> header,
+                                                        std::span<const uint8_t> body) {
+  std::vector<TextFrame> frames;
+  walk(header, body, [&](std::string_view id, std::span<const uint8_t> frameBody) {
+    if (frameBody.empty()) return;
+    const uint8_t encoding = frameBody[0];
+    TextFrame frame{std::string(id), {}};
+    size_t pos = 1;
+    if (id == "COMM" || id == "COM") {
+      // language, then a description: only the plain comment is the user's
+      if (frameBody.size() < 4) return;
+      auto [description, next] = readString(frameBody, 4, encoding);
+      if (!description.empty()) return;
+      pos = next;
+    } else if (id.empty() || id[0] != 'T' || id == "TXXX" || id == "TXX") {
+      return;
+    }
+    // ID3v2.4 separates the values of one frame with the terminator.
+    while (pos < frameBody.size()) {
+      auto [text, next] = readString(frameBody, pos, encoding);
+      if (!text.empty()) frame.values.push_back(std::move(text));
+      if (next <= pos) break;
+      pos = next;
+    }
+    if (!frame.values.empty()) frames.push_back(std::move(frame));
+  });
+  return frames;
+}
+
+std::optional<std::vector<ID3Reader::TextFrame>> ID3Reader::textFrames(
+    const std::filesystem::path& file) {
+  std::unique_ptr<std::FILE, FileCloser> f(std::fopen(file.c_str(), "rb"));
+  if (!f) return std::nullopt;
+  const std::vector<uint8_t> header = readUpTo(f.get(), kHeaderSize);
+  const auto size = tagSize(header);
+  if (!size) return std::nullopt;
+  const std::vector<uint8_t> body = readUpTo(f.get(), *size);
+  return textFrames(header, body);
 }
 
 std::optional<GEOBFrame> ID3Reader::parseGEOB(std::span<const uint8_t> body) {

@@ -1,8 +1,9 @@
-// A read-only ID3v2 reader whose only job is the general encapsulated object
-// frames ("GEOB"; "GEO" in ID3v2.2) of a file's leading tag: DJ software
-// keeps cues, loops and beat grids there. Text frames and every other frame
-// are passed over. Only files that begin with "ID3" are looked at; a tag
-// inside an AIFF chunk, MP4 atoms or FLAC blocks is not searched for.
+// A read-only ID3v2 reader for the general encapsulated object frames
+// ("GEOB"; "GEO" in ID3v2.2) of a file's leading tag, where DJ software keeps
+// cues, loops and beat grids, and for its text frames where another reader
+// loses some (TagLib 1.13 drops the last frame of an ID3v2.4 tag with an
+// extended header). Only files that begin with "ID3" are looked at; a tag
+// inside an AIFF chunk, MP4 atoms or FLAC blocks is found by serato_payloads.
 //
 // Nothing throws and nothing is reported: an unreadable file, a missing,
 // oversized or truncated tag, or a malformed frame ends the scan with what
@@ -12,9 +13,11 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -40,6 +43,17 @@ class ID3Reader {
   static std::vector<GEOBFrame> geobFrames(std::span<const uint8_t> header,
                                            std::span<const uint8_t> body);
 
+  // The text frames ("T…" but "TXXX", and "COMM" without a description) in
+  // the order they stand, each with its values (ID3v2.4 may hold several).
+  struct TextFrame {
+    std::string id;  // "TPE1", as it stands in the tag
+    std::vector<std::string> values;
+  };
+  static std::vector<TextFrame> textFrames(std::span<const uint8_t> header,
+                                           std::span<const uint8_t> body);
+  // None for a file without a usable tag.
+  static std::optional<std::vector<TextFrame>> textFrames(const std::filesystem::path& file);
+
   // The tag size the header declares; none for anything but a usable ID3v2
   // header (wrong magic, size 0, or 64 MiB and more).
   static std::optional<uint32_t> tagSize(std::span<const uint8_t> header);
@@ -55,6 +69,11 @@ class ID3Reader {
 
   // Removes unsynchronisation: a 0x00 directly after 0xFF is dropped.
   static std::vector<uint8_t> deunsync(std::span<const uint8_t> bytes);
+
+ private:
+  // Every frame of the tag: its id and its body, unsynchronisation undone.
+  static void walk(std::span<const uint8_t> header, std::span<const uint8_t> body,
+                   const std::function<void(std::string_view, std::span<const uint8_t>)>& visit);
 };
 
 }  // namespace orvel

@@ -1,6 +1,7 @@
 #include "core/formats/serato_library.h"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -90,9 +91,65 @@ bool flagOf(std::span<const SeratoField> inner) {
 
 }  // namespace
 
+namespace {
+
+// Where a drive is mounted: the folder's device differs from its parent's,
+// or it is its own parent ("/").
+bool isMountPoint(const fs::path& dir) {
+  struct stat self {
+  }, above{};
+  if (::stat(dir.c_str(), &self) != 0) return false;
+  if (::stat((dir / "..").c_str(), &above) != 0) return false;
+  return self.st_dev != above.st_dev || self.st_ino == above.st_ino;
+}
+
+void rebase(std::string& path, const std::string& root) {
+  // Stored as "/" + the path on the drive (see absolute()).
+  path = root + path;
+}
+
+}  // namespace
+
+fs::path SeratoLibrary::volumeRootFor(const fs::path& seratoDir, const SeratoLibrary& library) {
+  std::error_code ec;
+  fs::path dir = fs::weakly_canonical(fs::absolute(seratoDir, ec), ec);
+  if (ec) dir = fs::absolute(seratoDir, ec).lexically_normal();
+  if (!dir.has_filename()) dir = dir.parent_path();
+  const fs::path drive = dir.parent_path();
+  if (drive.empty() || drive == drive.root_path()) return "/";
+  if (isMountPoint(drive)) return drive;
+  // Not a mount point: a drive's contents copied into a folder, or a library
+  // kept elsewhere by hand. The files decide, a few of them.
+  constexpr int kSample = 32;
+  int atRoot = 0, onDrive = 0, looked = 0;
+  auto look = [&](const std::string& path) {
+    if (looked++ >= kSample) return;
+    std::error_code e;
+    atRoot += fs::exists(path, e);
+    onDrive += fs::exists(drive.string() + path, e);
+  };
+  for (const SeratoTrack& t : library.tracks) look(t.path);
+  for (const SeratoCrate& c : library.crates)
+    for (const std::string& p : c.trackPaths) look(p);
+  return onDrive > atRoot ? drive : fs::path("/");
+}
+
 SeratoLibrary SeratoLibrary::load(const fs::path& seratoDir) {
-  const std::vector<uint8_t> database = readWhole(seratoDir / kDatabaseFile);
-  SeratoLibrary library = fromDatabase(database);
+  std::error_code ec;
+  const fs::path databaseFile = seratoDir / kDatabaseFile;
+  const bool anyCrates = fs::is_directory(seratoDir / kCratesFolder, ec) ||
+                         fs::is_directory(seratoDir / kSmartCratesFolder, ec);
+  SeratoLibrary library;
+  if (fs::exists(databaseFile, ec) || !anyCrates) {
+    const std::vector<uint8_t> database = readWhole(databaseFile);
+    try {
+      library = fromDatabase(database);
+    } catch (const SeratoReadError& e) {
+      throw SeratoReadError(fmt::format("{}: {}", databaseFile.string(), e.what()));
+    }
+  } else {
+    library.hasDatabase = false;
+  }
 
   for (const std::string& name : filesEndingIn(seratoDir / kCratesFolder, ".crate")) {
     SeratoCrate crate;
@@ -109,28 +166,50 @@ SeratoLibrary SeratoLibrary::load(const fs::path& seratoDir) {
     crate.nameChain = nameChain(name);
     crate.isSmart = true;
     try {
-      applyRules(readWhole(seratoDir / kSmartCratesFolder / name), crate);
+      const std::vector<uint8_t> bytes = readWhole(seratoDir / kSmartCratesFolder / name);
+      applyRules(bytes, crate);
+      // Serato lists what the rules last gave, as an ordinary crate does.
+      crate.trackPaths = crateTrackPaths(bytes);
     } catch (const SeratoReadError&) {
     }
     library.crates.push_back(std::move(crate));
+  }
+
+  const fs::path root = volumeRootFor(seratoDir, library);
+  if (root != "/") {
+    library.volumeRoot = root.string();
+    for (SeratoTrack& t : library.tracks) rebase(t.path, library.volumeRoot);
+    for (SeratoCrate& c : library.crates)
+      for (std::string& p : c.trackPaths) rebase(p, library.volumeRoot);
   }
   return library;
 }
 
 SeratoLibrary SeratoLibrary::fromDatabase(std::span<const uint8_t> database) {
   SeratoLibrary library;
+  bool serato = false;
   for (const SeratoField& field : SeratoTLV::parse(database)) {
     if (field.tag == "vrsn") {
-      if (const auto* text = field.value.asString()) library.version = *text;
+      if (const auto* text = field.value.asString()) {
+        library.version = *text;
+        serato = serato || text->find("Serato") != std::string::npos;
+      }
     } else if (field.tag == "otrk") {
       const auto* fields = field.value.asContainer();
       auto track = fields ? SeratoLibrary::track(*fields) : std::nullopt;
-      if (track)
+      if (track) {
         library.tracks.push_back(std::move(*track));
-      else
+        serato = true;
+      } else {
         ++library.skippedTrackChunks;
+      }
     }
   }
+  // Serato always writes its version record first; bytes that yield neither
+  // it nor a single track are something else under Serato's file name.
+  if (!serato)
+    throw SeratoReadError(database.empty() ? "the file is empty"
+                                           : "not a Serato database (no version, no tracks)");
   return library;
 }
 
@@ -257,6 +336,8 @@ void SeratoLibrary::applyRules(std::span<const uint8_t> smartCrateFile, SeratoCr
           rule.conditionRaw = f.value.text;
         else if (f.tag == "trpt" && f.value.asString())
           rule.textValue = f.value.text;
+        else if (f.tag == "trtt" && f.value.asString())
+          rule.dateText = f.value.text;
       }
       if (!rule.conditionRaw.empty()) crate.rules.push_back(std::move(rule));
     } else if (field.tag == "rart") {
@@ -268,7 +349,12 @@ void SeratoLibrary::applyRules(std::span<const uint8_t> smartCrateFile, SeratoCr
 }
 
 const std::map<uint32_t, std::string>& SeratoSmartRule::knownFields() {
-  static const std::map<uint32_t, std::string> fields{{7, "Artist"}, {15, "BPM"}};
+  // Serato numbers the columns of its library; these are the ones its smart
+  // crates offer.
+  static const std::map<uint32_t, std::string> fields{
+      {4, "Filename"},  {6, "Song"},     {7, "Artist"},    {8, "Album"},    {9, "Genre"},
+      {15, "BPM"},      {17, "Comment"}, {19, "Grouping"}, {20, "Remixer"}, {21, "Label"},
+      {22, "Composer"}, {23, "Year"},    {25, "Added"},    {51, "Key"},     {79, "Plays"}};
   return fields;
 }
 
@@ -278,27 +364,116 @@ std::string SeratoSmartRule::fieldName() const {
   return fmt::format("field {}", fieldId);
 }
 
-std::string SeratoSmartRule::conditionName() const {
-  static const std::map<std::string, std::string, std::less<>> names{
-      {"cond_is_str", "is"},
-      {"cond_is_uint", "is"},
-      {"cond_isnot_str", "is not"},
-      {"cond_isnot_uint", "is not"},
-      {"cond_con_str", "contains"},
-      {"cond_notcon_str", "does not contain"},
-      {"cond_bgn_str", "begins with"},
-      {"cond_end_str", "ends with"},
-      {"cond_lseq_uint", "is at most"},
-      {"cond_greq_uint", "is at least"},
-      {"cond_lseq_time", "is before"},
-      {"cond_greq_time", "is after"},
+namespace {
+
+// "cond_dnc_str" → ("dnc", "str"); empty parts for a key of another shape.
+std::pair<std::string_view, std::string_view> conditionParts(std::string_view key) {
+  if (!key.starts_with("cond_")) return {};
+  key.remove_prefix(5);
+  const size_t underscore = key.rfind('_');
+  if (underscore == std::string_view::npos) return {};
+  return {key.substr(0, underscore), key.substr(underscore + 1)};
+}
+
+}  // namespace
+
+SeratoSmartRule::Test SeratoSmartRule::test() const {
+  static const std::map<std::string, Test, std::less<>> tests{
+      {"is", Test::is},
+      {"isn", Test::isNot},
+      {"isnot", Test::isNot},
+      {"not", Test::isNot},
+      {"con", Test::contains},
+      {"dnc", Test::doesNotContain},
+      {"notcon", Test::doesNotContain},
+      {"ncon", Test::doesNotContain},
+      {"bgn", Test::beginsWith},
+      {"beg", Test::beginsWith},
+      {"sw", Test::beginsWith},
+      {"end", Test::endsWith},
+      {"ew", Test::endsWith},
+      {"grt", Test::greaterThan},
+      {"gt", Test::greaterThan},
+      {"les", Test::lessThan},
+      {"lst", Test::lessThan},
+      {"lt", Test::lessThan},
+      {"greq", Test::atLeast},
+      {"gte", Test::atLeast},
+      {"lseq", Test::atMost},
+      {"lte", Test::atMost},
+      {"aft", Test::after},
+      {"bef", Test::before},
+      {"itl", Test::inLast},
+      {"inl", Test::inLast},
+      {"nitl", Test::notInLast},
+      {"ninl", Test::notInLast},
   };
-  if (const auto it = names.find(conditionRaw); it != names.end()) return it->second;
+  const auto [op, kind] = conditionParts(conditionRaw);
+  const auto it = tests.find(op);
+  if (it == tests.end()) return Test::unknown;
+  // On a date, "at least" and "at most" read as after and before.
+  if (kind == "time" && it->second == Test::atLeast) return Test::after;
+  if (kind == "time" && it->second == Test::atMost) return Test::before;
+  return it->second;
+}
+
+SeratoSmartRule::ValueKind SeratoSmartRule::valueKind() const {
+  const auto kind = conditionParts(conditionRaw).second;
+  if (kind == "str") return ValueKind::text;
+  if (kind == "int" || kind == "uint") return ValueKind::number;
+  if (kind == "time" || kind == "date") return ValueKind::time;
+  return ValueKind::unknown;
+}
+
+std::string SeratoSmartRule::conditionName() const {
+  switch (test()) {
+    case Test::is:
+      return "is";
+    case Test::isNot:
+      return "is not";
+    case Test::contains:
+      return "contains";
+    case Test::doesNotContain:
+      return "does not contain";
+    case Test::beginsWith:
+      return "begins with";
+    case Test::endsWith:
+      return "ends with";
+    case Test::greaterThan:
+      return "is greater than";
+    case Test::lessThan:
+      return "is less than";
+    case Test::atLeast:
+      return "is at least";
+    case Test::atMost:
+      return "is at most";
+    case Test::after:
+      return "is after";
+    case Test::before:
+      return "is before";
+    case Test::inLast:
+      return "is in the last";
+    case Test::notInLast:
+      return "is not in the last";
+    case Test::unknown:
+      break;
+  }
   return conditionRaw;
 }
 
 std::string SeratoSmartRule::describedValue() const {
-  if (textValue) return "\u201C" + *textValue + "\u201D";
+  auto quoted = [](const std::string& text) { return "\u201C" + text + "\u201D"; };
+  if (textValue) {
+    // "In the last 2 weeks": the count is the number, the text its unit.
+    if (uintValue && (test() == Test::inLast || test() == Test::notInLast))
+      return fmt::format("{} {}", *uintValue, *textValue);
+    return quoted(*textValue);
+  }
+  if (dateText) {
+    if (uintValue && (test() == Test::inLast || test() == Test::notInLast))
+      return fmt::format("{} {}", *uintValue, *dateText);
+    return quoted(*dateText);
+  }
   return std::to_string(uintValue.value_or(0));
 }
 

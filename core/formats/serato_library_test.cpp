@@ -137,29 +137,103 @@ TEST_F(SeratoLibraryTest, LoadsTracksCratesAndSmartCrates) {
   EXPECT_EQ(smart.rules[1].summary(), "field 99 contains \u201CHouse\u201D");
 }
 
-TEST_F(SeratoLibraryTest, OnlyAnUnreadableDatabaseIsAnError) {
+TEST_F(SeratoLibraryTest, ADatabaseThatCannotBeReadOrIsNotSeratosIsAnError) {
+  EXPECT_THROW(SeratoLibrary::load(dir_.path()), SeratoReadError);  // nothing there
+  auto refused = [&](const Bytes& bytes, std::string_view why) {
+    write("database V2", bytes);
+    try {
+      SeratoLibrary::load(dir_.path());
+      ADD_FAILURE() << "took " << bytes.size() << " bytes for a database";
+    } catch (const SeratoReadError& e) {
+      EXPECT_THAT(e.what(), ::testing::HasSubstr("database V2"));
+      EXPECT_THAT(e.what(), ::testing::HasSubstr(why));
+    }
+  };
+  refused({}, "empty");
+  refused(Bytes(4096, 0x5A), "not a Serato database");
+  refused(testing::concat({text("vrsn", "1.0/Something Else"), text("tsng", "x")}),
+          "not a Serato database");
+  std::filesystem::remove(dir_ / "database V2");
+  std::filesystem::create_directory(dir_ / "database V2");
   EXPECT_THROW(SeratoLibrary::load(dir_.path()), SeratoReadError);
-  write("database V2", {});
-  const SeratoLibrary lib = SeratoLibrary::load(dir_.path());  // no crate folders
+}
+
+TEST_F(SeratoLibraryTest, CratesAreReadWithoutADatabase) {
+  write("Subcrates/Gig.crate", testing::seratoCrate({"Users/dj/a.mp3"}));
+  const SeratoLibrary lib = SeratoLibrary::load(dir_.path());
+  EXPECT_FALSE(lib.hasDatabase);
   EXPECT_THAT(lib.tracks, IsEmpty());
-  EXPECT_THAT(lib.crates, IsEmpty());
-  try {
-    std::filesystem::remove(dir_ / "database V2");
-    std::filesystem::create_directory(dir_ / "database V2");
-    SeratoLibrary::load(dir_.path());
-    ADD_FAILURE() << "a folder is not a database";
-  } catch (const SeratoReadError& e) {
-    EXPECT_THAT(e.what(), ::testing::HasSubstr("database V2"));
-  }
+  ASSERT_EQ(lib.crates.size(), 1u);
+  EXPECT_THAT(lib.crates[0].trackPaths, ElementsAre("/Users/dj/a.mp3"));
+}
+
+// A "_Serato_" folder at the top of an external drive keeps its paths
+// relative to that drive; they used to be read against "/", and every track
+// of such a library was missing.
+TEST_F(SeratoLibraryTest, PathsOnAnExternalDriveAreFoundOnThatDrive) {
+  const auto drive = dir_ / "USB";
+  testing::writeBytes(drive / "Music/House/a.mp3", {1});
+  testing::writeBytes(drive / "Music/b.flac", {1});
+  testing::writeBytes(
+      drive / "_Serato_/database V2",
+      testing::seratoDatabase({testing::seratoTrackRecord({{"pfil", "Music/House/a.mp3"}}),
+                               testing::seratoTrackRecord({{"pfil", "Music/gone.mp3"}})}));
+  testing::writeBytes(drive / "_Serato_/Subcrates/Gig.crate",
+                      testing::seratoCrate({"Music/b.flac", "Music/House/a.mp3"}));
+  const SeratoLibrary lib = SeratoLibrary::load(drive / "_Serato_");
+  EXPECT_EQ(lib.volumeRoot, drive.string());
+  ASSERT_EQ(lib.tracks.size(), 2u);
+  EXPECT_EQ(lib.tracks[0].path, (drive / "Music/House/a.mp3").string());
+  EXPECT_EQ(lib.tracks[1].path, (drive / "Music/gone.mp3").string());
+  EXPECT_THAT(lib.crates.at(0).trackPaths, ElementsAre((drive / "Music/b.flac").string(),
+                                                       (drive / "Music/House/a.mp3").string()));
+
+  // The home library names its files from "/": it stays there.
+  const auto home = dir_ / "home";
+  const std::string onDisk = (dir_ / "elsewhere/c.mp3").string();
+  testing::writeBytes(onDisk, {1});
+  testing::writeBytes(home / "Music/_Serato_/database V2",
+                      testing::seratoDatabase({testing::seratoTrackRecord({{"pfil", onDisk}})}));
+  const SeratoLibrary homeLib = SeratoLibrary::load(home / "Music/_Serato_");
+  EXPECT_EQ(homeLib.volumeRoot, "/");
+  EXPECT_EQ(homeLib.tracks.at(0).path, onDisk);
+}
+
+TEST_F(SeratoLibraryTest, SmartCratesKeepTheirRulesDatesAndListedMembers) {
+  Bytes file = testing::seratoSmartCrate({{9, "cond_dnc_str", "Techno", std::nullopt},
+                                          {15, "cond_grt_int", std::nullopt, 120u},
+                                          {25, "cond_aft_time", std::nullopt, std::nullopt}},
+                                         true, true);
+  // The date a time rule compares with comes as its own text record.
+  Bytes dated;
+  SeratoTLV::appendU32(dated, "urkt", 25);
+  SeratoTLV::appendString(dated, "trft", "cond_bef_time");
+  SeratoTLV::appendString(dated, "trtt", "2024-03-15");
+  SeratoTLV::appendBytes(file, "rurt", dated);
+  file = testing::concat({file, testing::seratoCrate({"Users/dj/x.mp3", "Users/dj/y.mp3"})});
+  write("SmartCrates/Warm%%Up.scrate", file);
+  write("database V2", testing::seratoDatabase({}));
+  const SeratoLibrary lib = SeratoLibrary::load(dir_.path());
+  ASSERT_EQ(lib.crates.size(), 1u);
+  const SeratoCrate& crate = lib.crates[0];
+  EXPECT_THAT(crate.nameChain, ElementsAre("Warm", "Up"));
+  EXPECT_THAT(crate.trackPaths, ElementsAre("/Users/dj/x.mp3", "/Users/dj/y.mp3"));
+  ASSERT_EQ(crate.rules.size(), 4u);
+  EXPECT_EQ(crate.rules[0].summary(), "Genre does not contain \u201CTechno\u201D");
+  EXPECT_EQ(crate.rules[1].summary(), "BPM is greater than 120");
+  EXPECT_EQ(crate.rules[3].test(), SeratoSmartRule::Test::before);
+  EXPECT_EQ(crate.rules[3].summary(), "Added is before \u201C2024-03-15\u201D");
 }
 
 TEST(SeratoSmartRule, DisplayTexts) {
-  SeratoSmartRule rule{"cond_lseq_time", 7, std::nullopt, 1600000000u};
+  SeratoSmartRule rule{"cond_lseq_time", 7, std::nullopt, 1600000000u, std::nullopt};
   EXPECT_EQ(rule.summary(), "Artist is before 1600000000");
-  rule = {"cond_new_thing", 3, "x", std::nullopt};
+  rule = {"cond_new_thing", 3, "x", std::nullopt, std::nullopt};
   EXPECT_EQ(rule.summary(), "field 3 cond_new_thing \u201Cx\u201D");
-  rule = {"cond_isnot_uint", 15, std::nullopt, std::nullopt};
+  rule = {"cond_isnot_uint", 15, std::nullopt, std::nullopt, std::nullopt};
   EXPECT_EQ(rule.conditionName(), "is not");
+  rule = {"cond_itl_time", 25, "weeks", 2u, std::nullopt};
+  EXPECT_EQ(rule.summary(), "Added is in the last 2 weeks");
   EXPECT_EQ(SeratoLibrary::nameChain("A%%%%B.crate"), (std::vector<std::string>{"A", "", "B"}));
 }
 

@@ -2,7 +2,9 @@
 
 #include <fmt/format.h>
 
-#include "core/formats/id3_reader.h"
+#include <cmath>
+
+#include "core/formats/serato_payloads.h"
 #include "core/text/encoding.h"
 
 namespace orvel {
@@ -16,15 +18,19 @@ std::optional<std::string> nulTerminated(std::span<const uint8_t> body, size_t o
   return utf8Text(body.subspan(offset, end - offset));
 }
 
-bool isSpaceOrNewline(char c) {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
+std::string rgbHex(const uint8_t* rgb) {
+  return fmt::format("#{:02X}{:02X}{:02X}", rgb[0], rgb[1], rgb[2]);
 }
 
 }  // namespace
 
 SeratoFileTags SeratoFileTags::read(const std::filesystem::path& file) {
+  return fromPayloads(SeratoPayloads::find(file));
+}
+
+SeratoFileTags SeratoFileTags::fromPayloads(std::span<const GEOBFrame> payloads) {
   SeratoFileTags tags;
-  for (const GEOBFrame& frame : ID3Reader::geobFrames(file)) {
+  for (const GEOBFrame& frame : payloads) {
     if (frame.description == kMarkers2)
       parseMarkers2(frame.object, tags);
     else if (frame.description == kBeatGrid)
@@ -35,23 +41,20 @@ SeratoFileTags SeratoFileTags::read(const std::filesystem::path& file) {
 
 void SeratoFileTags::parseMarkers2(std::span<const uint8_t> object, SeratoFileTags& into) {
   if (object.size() < 3) return;
-  const auto ascii = asciiText(object.subspan(2));
-  if (!ascii) return;
-  // Serato wraps the base64 text over lines, pads the frame with NULs and
-  // leaves out the "=" padding.
-  std::string text;
-  text.reserve(ascii->size() + 3);
-  for (char c : *ascii)
-    if (!isSpaceOrNewline(c)) text += c;
-  const size_t first = text.find_first_not_of('\0');
-  if (first == std::string::npos) return;
-  text = text.substr(first, text.find_last_not_of('\0') - first + 1);
-  text.append(((text.size() + 3) & ~size_t{3}) - text.size(), '=');
-  const auto data = base64Decode(text);
-  if (!data || data->size() < 3) return;
+  // Two version bytes, then the entries as base64 text (see seratoBase64 for
+  // what Serato does to it).
+  const std::string_view text(reinterpret_cast<const char*>(object.data() + 2), object.size() - 2);
+  if (const auto data = SeratoPayloads::seratoBase64(text)) {
+    parseMarkers2Entries(*data, into);
+    return;
+  }
+  // Without the base64 layer the entries stand there as they are.
+  parseMarkers2Entries(object, into);
+}
 
-  const std::span<const uint8_t> bytes(*data);
-  size_t pos = 2;
+void SeratoFileTags::parseMarkers2Entries(std::span<const uint8_t> bytes, SeratoFileTags& into) {
+  if (bytes.size() < 3) return;
+  size_t pos = 2;  // a second pair of version bytes
   while (pos < bytes.size()) {
     size_t nul = pos;
     while (nul < bytes.size() && bytes[nul] != 0) ++nul;
@@ -67,28 +70,38 @@ void SeratoFileTags::parseMarkers2(std::span<const uint8_t> object, SeratoFileTa
       if (auto cue = parseCue(body)) into.cues.push_back(std::move(*cue));
     } else if (*type == "LOOP") {
       if (auto loop = parseLoop(body)) into.loops.push_back(std::move(*loop));
+    } else if (*type == "COLOR" && body.size() >= 4) {
+      into.trackColorHex = rgbHex(&body[1]);
+    } else if (*type == "BPMLOCK" && !body.empty()) {
+      into.bpmLocked = body[0] != 0;
     }
     pos = bodyStart + length;
   }
 }
 
 std::optional<SeratoCue> SeratoFileTags::parseCue(std::span<const uint8_t> body) {
+  // 0, index, position (4), 0, R G B, two bytes, then the name and its NUL.
   if (body.size() < 12) return std::nullopt;
   SeratoCue cue;
   cue.index = body[1];
   cue.positionMs = readU32BE(&body[2]);
-  cue.colorHex = fmt::format("#{:02X}{:02X}{:02X}", body[7], body[8], body[9]);
-  if (body.size() >= 13) cue.name = nulTerminated(body, 12);
+  cue.colorHex = rgbHex(&body[7]);
+  if (body.size() > 12) cue.name = nulTerminated(body, 12);
   return cue;
 }
 
 std::optional<SeratoLoop> SeratoFileTags::parseLoop(std::span<const uint8_t> body) {
-  if (body.size() < 14) return std::nullopt;
+  // 0, index, start (4), end (4), FF FF FF FF, 0 R G B, a byte, locked, then
+  // the name and its NUL from byte 20: in the files Serato writes, and in
+  // the names they hold, the name starts there and nowhere else.
+  if (body.size() < 10) return std::nullopt;
   SeratoLoop loop;
   loop.index = body[1];
   loop.startMs = readU32BE(&body[2]);
   loop.endMs = readU32BE(&body[6]);
-  if (body.size() >= 22) loop.name = nulTerminated(body, 21);
+  if (body.size() >= 18) loop.colorHex = rgbHex(&body[15]);
+  if (body.size() >= 20) loop.locked = body[19] != 0;
+  if (body.size() > 20) loop.name = nulTerminated(body, 20);
   return loop;
 }
 
@@ -101,13 +114,24 @@ void SeratoFileTags::parseBeatGrid(std::span<const uint8_t> object, SeratoFileTa
     if (at + 8 > object.size()) break;
     SeratoGridAnchor anchor;
     anchor.positionSec = readF32BE(&object[at]);
-    const double tail = readF32BE(&object[at + 4]);
     if (i == count - 1)
-      anchor.bpm = tail;
+      anchor.bpm = readF32BE(&object[at + 4]);
     else
-      anchor.beatsToNext = tail;
+      anchor.beatsToNext = readU32BE(&object[at + 4]);
     into.gridAnchors.push_back(anchor);
   }
+}
+
+std::optional<double> SeratoFileTags::tempoAt(std::span<const SeratoGridAnchor> anchors, size_t i) {
+  if (i >= anchors.size()) return std::nullopt;
+  const SeratoGridAnchor& a = anchors[i];
+  std::optional<double> bpm = a.bpm;
+  if (!bpm && a.beatsToNext && i + 1 < anchors.size()) {
+    const double seconds = anchors[i + 1].positionSec - a.positionSec;
+    bpm = *a.beatsToNext * 60.0 / seconds;
+  }
+  if (!bpm || !std::isfinite(*bpm) || *bpm <= 0) return std::nullopt;
+  return bpm;
 }
 
 }  // namespace orvel

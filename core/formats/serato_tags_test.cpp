@@ -56,7 +56,57 @@ TEST(SeratoFileTags, DecodesCuesAndLoopsInPayloadOrderSkippingOtherEntries) {
   EXPECT_EQ(tags.loops[0].startMs, 64000);
   EXPECT_EQ(tags.loops[0].endMs, 72000);
   EXPECT_EQ(tags.loops[0].name, "Break");
+  EXPECT_EQ(tags.loops[0].colorHex, "#27AAE1");
+  EXPECT_FALSE(tags.loops[0].locked);
+  EXPECT_EQ(tags.trackColorHex, "#FFFFFF");
+  EXPECT_EQ(tags.bpmLocked, false);
   EXPECT_THAT(tags.gridAnchors, IsEmpty());
+}
+
+// Serato now and then leaves one character after the last whole group of
+// four; such a tag used to lose every cue and loop in it.
+TEST(SeratoFileTags, AStrayCharacterAfterTheBase64KeepsEveryEntry) {
+  Bytes payload{0x01, 0x01};
+  for (const Bytes& e : {markersEntry("CUE", cueBody(0, 1000, 0xCC, 0, 0, "A")),
+                         markersEntry("CUE", cueBody(1, 2000, 0, 0xCC, 0, "B")),
+                         markersEntry("CUE", cueBody(2, 3000, 0, 0, 0xCC, "C")),
+                         markersEntry("LOOP", loopBody(0, 4000, 8000, "Roll"))})
+    payload.insert(payload.end(), e.begin(), e.end());
+  payload.push_back(0);
+  while (payload.size() % 3 != 0) payload.push_back(0);
+  const std::string text = testing::base64(payload) + "A";
+  ASSERT_EQ(text.size() % 4, 1u);
+  Bytes object{0x01, 0x01};
+  for (size_t i = 0; i < text.size(); i += 72) {
+    if (i) object.push_back('\n');
+    const std::string line = text.substr(i, 72);
+    object.insert(object.end(), line.begin(), line.end());
+  }
+  object.insert(object.end(), 300, 0);
+  const SeratoFileTags tags = markers(object);
+  ASSERT_EQ(tags.cues.size(), 3u);
+  EXPECT_EQ(tags.cues[2].colorHex, "#0000CC");
+  ASSERT_EQ(tags.loops.size(), 1u);
+  EXPECT_EQ(tags.loops[0].name, "Roll");
+}
+
+TEST(SeratoFileTags, LoopNamesColoursAndLocksAsSeratoWritesThem) {
+  const SeratoFileTags tags = markers(
+      markers2Object({markersEntry("LOOP", loopBody(0, 1000, 2000, "Outro", 0xE1AA27)),
+                      markersEntry("LOOP", loopBody(1, 3000, 4000, "Locked Loop", 0x27AAE1, true)),
+                      markersEntry("LOOP", loopBody(2, 5000, 6000, "\u00c9t\u00e9")),
+                      markersEntry("LOOP", loopBody(3, 7000, 8000, "")),
+                      markersEntry("CUE", cueBody(0, 10, 1, 2, 3, ""))}));
+  ASSERT_EQ(tags.loops.size(), 4u);
+  EXPECT_EQ(tags.loops[0].name, "Outro");
+  EXPECT_EQ(tags.loops[0].colorHex, "#E1AA27");
+  EXPECT_FALSE(tags.loops[0].locked);
+  EXPECT_EQ(tags.loops[1].name, "Locked Loop");
+  EXPECT_TRUE(tags.loops[1].locked);
+  EXPECT_EQ(tags.loops[2].name, "\u00c9t\u00e9");
+  // An empty name reads the same for a loop as for a cue.
+  EXPECT_EQ(tags.loops[3].name, "");
+  EXPECT_EQ(tags.cues.at(0).name, "");
 }
 
 TEST(SeratoFileTags, Markers2TextLayoutDoesNotChangeTheResult) {
@@ -81,11 +131,11 @@ TEST(SeratoFileTags, Markers2TextLayoutDoesNotChangeTheResult) {
 }
 
 TEST(SeratoFileTags, EntryBoundariesAndDamagedPayloads) {
-  // A 21-byte loop has no name; 13 bytes is not a loop; 11 bytes is not a cue.
-  const Bytes loop21(loopBody(2, 10, 20, std::nullopt));
-  ASSERT_EQ(loop21.size(), 21u);
+  // A loop without its name has none; 9 bytes is not a loop; 11 not a cue.
+  const Bytes nameless(loopBody(2, 10, 20, std::nullopt));
+  ASSERT_EQ(nameless.size(), 20u);
   auto tags =
-      markers(markers2Object({markersEntry("LOOP", loop21), markersEntry("LOOP", Bytes(13, 0)),
+      markers(markers2Object({markersEntry("LOOP", nameless), markersEntry("LOOP", Bytes(9, 0)),
                               markersEntry("CUE", Bytes(11, 0))}));
   ASSERT_EQ(tags.loops.size(), 1u);
   EXPECT_FALSE(tags.loops[0].name);
@@ -102,29 +152,35 @@ TEST(SeratoFileTags, EntryBoundariesAndDamagedPayloads) {
   EXPECT_TRUE(markers(Bytes{1, 1, 'Q', 0xC3, 0xA9, 'Q'}).empty());
   EXPECT_TRUE(markers(Bytes{1, 1, 'A', 'B', '*', 'D'}).empty());
   EXPECT_TRUE(markers(Bytes{1, 1}).empty());
-  // Five characters need three "=", which base64 does not allow.
-  EXPECT_TRUE(markers(concat({{1, 1}, bytesOf("AQFDV")})).empty());
 }
 
-TEST(SeratoFileTags, BeatGridGivesTheTempoOnTheLastMarkerOnly) {
+TEST(SeratoFileTags, BeatGridMarkersCountBeatsUpToTheLastWhichHoldsTheTempo) {
   auto one = grid(testing::beatGridObject({{0.05f, 128.0f}}));
   ASSERT_EQ(one.gridAnchors.size(), 1u);
   EXPECT_FLOAT_EQ(one.gridAnchors[0].positionSec, 0.05f);
   EXPECT_EQ(one.gridAnchors[0].bpm, 128.0);
 
-  auto three = grid(testing::beatGridObject({{0.5f, 16}, {8.0f, 32}, {24.25f, 120.5f}}));
+  // 16 beats in 8 s, 58 in 15 s, then 236 BPM from the last marker on.
+  auto three = grid(testing::beatGridObject({{0.5f, 16}, {8.5f, 58}, {23.5f, 236.0f}}));
   ASSERT_EQ(three.gridAnchors.size(), 3u);
   EXPECT_FALSE(three.gridAnchors[0].bpm);
-  EXPECT_EQ(three.gridAnchors[0].beatsToNext, 16.0);
-  EXPECT_FALSE(three.gridAnchors[1].bpm);
-  EXPECT_EQ(three.gridAnchors[2].bpm, 120.5);
-  EXPECT_EQ(three.gridAnchors[2].positionSec, 24.25);
+  EXPECT_EQ(three.gridAnchors[0].beatsToNext, 16u);
+  EXPECT_EQ(three.gridAnchors[1].beatsToNext, 58u);
+  EXPECT_EQ(three.gridAnchors[2].bpm, 236.0);
+  const auto& anchors = three.gridAnchors;
+  EXPECT_DOUBLE_EQ(*SeratoFileTags::tempoAt(anchors, 0), 120.0);
+  EXPECT_DOUBLE_EQ(*SeratoFileTags::tempoAt(anchors, 1), 232.0);
+  EXPECT_DOUBLE_EQ(*SeratoFileTags::tempoAt(anchors, 2), 236.0);
 
   // The count says five, the bytes hold two: two anchors, neither the last.
   Bytes truncated = testing::beatGridObject({{1, 4}, {2, 4}}, 5);
   auto cut = grid(truncated);
   ASSERT_EQ(cut.gridAnchors.size(), 2u);
   EXPECT_FALSE(cut.gridAnchors[1].bpm);
+  EXPECT_FALSE(SeratoFileTags::tempoAt(cut.gridAnchors, 1));
+  // Two markers at one place give no tempo rather than an infinite one.
+  EXPECT_FALSE(
+      SeratoFileTags::tempoAt(grid(testing::beatGridObject({{3, 4}, {3, 120}})).gridAnchors, 0));
   // A count of four billion costs nothing without the bytes.
   EXPECT_TRUE(grid(testing::beatGridObject({}, 0xFFFFFFFF)).empty());
   EXPECT_TRUE(grid(Bytes{1, 0, 0, 0, 1}).empty());

@@ -204,6 +204,18 @@ NewTrack rowFor(const std::string& path, const Tags& tags, const FileFacts& fact
   t.fileType = tags.fileType;
   t.bpm = tags.bpm;
   t.key = tags.key;
+  t.albumArtist = tags.albumArtist;
+  t.composer = tags.composer;
+  t.trackNumber = tags.trackNumber;
+  t.trackCount = tags.trackCount;
+  t.discNumber = tags.discNumber;
+  t.discCount = tags.discCount;
+  t.compilation = tags.compilation;
+  t.sortTitle = tags.sortTitle;
+  t.sortArtist = tags.sortArtist;
+  t.sortAlbum = tags.sortAlbum;
+  t.sortAlbumArtist = tags.sortAlbumArtist;
+  t.sortComposer = tags.sortComposer;
   return t;
 }
 
@@ -322,6 +334,12 @@ std::optional<Destination> copyDestination(const fs::path& source, const fs::pat
       return Destination{candidate, true};
   }
   return std::nullopt;
+}
+
+std::optional<NewTrack> trackFromFile(const fs::path& file, std::string& why) {
+  const auto facts = factsOf(file, why);
+  if (!facts) return std::nullopt;
+  return rowFor(file.string(), readTags(file), *facts, file.parent_path().native());
 }
 
 Result ingest(std::span<const fs::path> urls, OrvelDB& db, const Options& opt) {

@@ -22,6 +22,7 @@
 
 #include "core/import/tag_reader.h"
 #include "core/store/status.h"
+#include "core/store/track_store.h"
 
 namespace orvel {
 class OrvelDB;
@@ -90,6 +91,10 @@ struct Options {
 };
 
 Result ingest(std::span<const std::filesystem::path> urls, OrvelDB& db, const Options& options);
+
+// A file's row as the importer makes it (tags, fallbacks, size, dates),
+// without writing it; none, with why, for a file that cannot be read.
+std::optional<NewTrack> trackFromFile(const std::filesystem::path& file, std::string& why);
 
 // An artist or album folder name: the tag or the fallback, "/" and ":" made
 // "-", trimmed. Names a file system would take specially ("", ".", "..")

@@ -2,10 +2,12 @@
 
 #include <fmt/format.h>
 
+#include <unordered_set>
 #include <vector>
 
 #include "core/formats/serato_library.h"
 #include "core/formats/serato_tags.h"
+#include "core/import/importer.h"
 #include "core/store/locations.h"
 #include "core/store/log.h"
 
@@ -60,7 +62,22 @@ SeratoImportResult readFromSerato(OrvelDB& db, const fs::path& seratoDir,
     note(fmt::format("serato: {}", result.message));
     return result;
   }
-  const auto folded = db.serato().foldSeratoTracks(library);
+  // Files only a crate names, that are there and new to the catalogue, come
+  // in as the importer reads them rather than as bare placeholders.
+  std::vector<NewTrack> crateOnly;
+  {
+    std::unordered_set<std::string> known;
+    for (const SeratoTrack& t : library.tracks) known.insert(OrvelDB::normalizePath(t.path));
+    for (const SeratoCrate& crate : library.crates)
+      for (const std::string& path : crate.trackPaths) {
+        if (!known.insert(OrvelDB::normalizePath(path)).second) continue;
+        if (!Importer::isAudioFile(path) || !fs::is_regular_file(path, ec)) continue;
+        if (db.tracks().trackId(path)) continue;
+        std::string why;
+        if (auto row = Importer::trackFromFile(path, why)) crateOnly.push_back(std::move(*row));
+      }
+  }
+  const auto folded = db.serato().foldSeratoTracks(library, crateOnly);
   if (!folded) {
     result.message = std::string(kCouldNotReadSerato) + folded.error();
     note(fmt::format("serato: {}", result.message));
@@ -150,6 +167,9 @@ SeratoImportResult readFromSerato(OrvelDB& db, const fs::path& seratoDir,
       added ? SeratoImportResult::Outcome::updated : SeratoImportResult::Outcome::upToDate;
   result.message =
       added ? "Read from Serato: " + describe(result.counts) : std::string(kSeratoUpToDate);
+  if (library.volumeRoot != "/")
+    result.message += " (a library on the drive at " + library.volumeRoot + ")";
+  if (!library.hasDatabase) result.message += " (no database V2: only the tracks its crates name)";
   note(fmt::format("serato: {} tracks, {} crates in {}; {}", library.tracks.size(),
                    library.crates.size(), seratoDir.string(), result.message));
   return result;

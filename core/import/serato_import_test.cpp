@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "core/formats/serato_tags.h"
+#include "core/testing/audio_files.h"
 #include "core/testing/serato_bytes.h"
 #include "core/testing/store_fixture.h"
 
@@ -126,7 +127,7 @@ TEST_F(SeratoImportTest, FoldsTracksCratesAndFileTagsThenIsUpToDate) {
   // Serato's cues beside the user's; the grid's first stretch holds 32 beats
   // in 16 s, so 120 BPM.
   EXPECT_THAT(seratoCues(a),
-              ElementsAre("cue 0 @1500 +0 #CC0000 Drop", "loop 0 @30000 +8000  Break"));
+              ElementsAre("cue 0 @1500 +0 #CC0000 Drop", "loop 0 @30000 +8000 #27AAE1 Break"));
   EXPECT_EQ(db().cues().cues(a).size(), 3u);
   const auto source = db().serato().seratoSourceId().optional();
   const auto grid = db().cues().beatGrid(a, source);
@@ -163,6 +164,106 @@ TEST_F(SeratoImportTest, ReportsAMissingOrUnreadableLibrary) {
   EXPECT_EQ(result.outcome, SeratoImportResult::Outcome::failed);
   EXPECT_THAT(result.message, HasSubstr("Could not read Serato: "));
   EXPECT_EQ(db().count("playlists"), 0);
+}
+
+// Serato's smart crates used to arrive with no members at all. Rules that
+// map onto Orvel's fields now run as Orvel's own smart rules.
+TEST_F(SeratoImportTest, SmartCratesGetTheMembersTheirRulesImplyAndStayLive) {
+  const int64_t fastHouse = add(music("fast house.mp3"), "Fast house");
+  const int64_t slowHouse = add(music("slow house.mp3"), "Slow house");
+  const int64_t fastTechno = add(music("fast techno.mp3"), "Fast techno");
+  for (auto [id, genre, bpm] : {std::tuple{fastHouse, "Deep House", "126"},
+                                {slowHouse, "House", "118"},
+                                {fastTechno, "Techno", "130"}}) {
+    ASSERT_TRUE(db().tracks().writeField("genre", genre, std::vector<int64_t>{id}));
+    ASSERT_TRUE(db().tracks().writeField("bpm", bpm, std::vector<int64_t>{id}));
+  }
+  writeBytes(serato() / "database V2", seratoDatabase({}));
+  // Serato's own list is stale: it names the slow track only.
+  writeBytes(
+      serato() / "SmartCrates" / "Peak.scrate",
+      concat({seratoSmartCrate({{15, "cond_greq_uint", {}, 124}, {9, "cond_con_str", "house", {}}},
+                               true, true),
+              seratoCrate({music("slow house.mp3")})}));
+  // A rule on a field Orvel does not keep: Serato's list is what it has.
+  writeBytes(serato() / "SmartCrates" / "Remixes.scrate",
+             concat({seratoSmartCrate({{20, "cond_con_str", "Edit", {}}}, true, true),
+                     seratoCrate({music("fast techno.mp3")})}));
+
+  const SeratoImportResult r = readFromSerato(db(), serato());
+  ASSERT_EQ(r.outcome, SeratoImportResult::Outcome::updated) << r.message;
+  const int64_t peak = *db().playlists().playlistByPath("Peak");
+  EXPECT_THAT(db().playlists().orderedTrackIds(peak), ElementsAre(fastHouse));
+  EXPECT_THAT(db().playlists().orderedTrackIds(*db().playlists().playlistByPath("Remixes")),
+              ElementsAre(fastTechno));
+  EXPECT_EQ(readFromSerato(db(), serato()).outcome, SeratoImportResult::Outcome::upToDate);
+
+  // Live: a track that comes to match joins when the crate is next shown.
+  ASSERT_TRUE(db().tracks().writeField("bpm", "124", std::vector<int64_t>{slowHouse}));
+  const auto fresh = db().smart().refreshSmartPlaylist(peak);
+  ASSERT_TRUE(fresh);
+  EXPECT_THAT(*fresh, ::testing::UnorderedElementsAre(fastHouse, slowHouse));
+}
+
+// A crate member Serato's database does not list, but whose file is there,
+// used to become a placeholder marked missing with no tags read.
+TEST_F(SeratoImportTest, FilesOnlyACrateNamesComeInWithTheirTags) {
+  AudioTags tags;
+  tags.title = "Tagged title";
+  tags.artist = "Tagged artist";
+  writeAudioFile(music("crate only.mp3"), AudioFormat::mp3, tags);
+  writeBytes(serato() / "database V2", seratoDatabase({}));
+  writeBytes(serato() / "Subcrates" / "Gig.crate",
+             seratoCrate({music("crate only.mp3"), music("not here.mp3")}));
+  const SeratoImportResult r = readFromSerato(db(), serato());
+  ASSERT_EQ(r.outcome, SeratoImportResult::Outcome::updated) << r.message;
+  EXPECT_EQ(r.counts.tracksAdded, 1);
+  EXPECT_EQ(r.counts.ghosts, 1);
+  const int64_t id = *db().tracks().trackId(music("crate only.mp3"));
+  EXPECT_EQ(field(id, "title"), "Tagged title");
+  EXPECT_EQ(field(id, "artist"), "Tagged artist");
+  EXPECT_EQ(field(id, "file_missing"), "0");
+  EXPECT_NE(field(id, "duration_ms"), "");
+  EXPECT_EQ(field(*db().tracks().trackId(music("not here.mp3")), "file_missing"), "1");
+}
+
+TEST_F(SeratoImportTest, ALibraryOnAnExternalDriveFindsEveryTrack) {
+  const auto drive = dir_ / "Volumes" / "USB";
+  writeBytes(drive / "Music/a.mp3",
+             taggedFile({markersEntry("CUE", cueBody(0, 1500, 0xCC, 0, 0, "Drop"))}, {}));
+  writeBytes(drive / "Music/b.mp3", Bytes(100, 0xFF));
+  writeBytes(drive / "_Serato_/database V2",
+             seratoDatabase({seratoTrackRecord({{"pfil", "Music/a.mp3"}, {"tsng", "A"}}),
+                             seratoTrackRecord({{"pfil", "Music/b.mp3"}, {"tsng", "B"}})}));
+  writeBytes(drive / "_Serato_/Subcrates/Gig.crate", seratoCrate({"Music/b.mp3", "Music/a.mp3"}));
+  const SeratoImportResult r = readFromSerato(db(), drive / "_Serato_");
+  ASSERT_EQ(r.outcome, SeratoImportResult::Outcome::updated) << r.message;
+  EXPECT_THAT(r.message, HasSubstr(drive.string()));
+  EXPECT_EQ(r.counts.ghosts, 0);
+  EXPECT_EQ(r.filesRead, 2);
+  for (const char* name : {"Music/a.mp3", "Music/b.mp3"}) {
+    const auto id = db().tracks().trackId((drive / name).string());
+    ASSERT_TRUE(id) << name;
+    EXPECT_EQ(field(*id, "file_missing"), "0");
+  }
+  EXPECT_THAT(memberPaths(*db().playlists().playlistByPath("Gig")),
+              ElementsAre((drive / "Music/b.mp3").string(), (drive / "Music/a.mp3").string()));
+  EXPECT_EQ(seratoCues(*db().tracks().trackId((drive / "Music/a.mp3").string())).size(), 1u);
+}
+
+TEST_F(SeratoImportTest, GarbageUnderTheDatabaseNameFailsAndCratesAloneStillRead) {
+  writeBytes(serato() / "database V2", Bytes(2048, 0x3C));
+  writeBytes(serato() / "Subcrates" / "Gig.crate", seratoCrate({music("x.mp3")}));
+  SeratoImportResult r = readFromSerato(db(), serato());
+  EXPECT_EQ(r.outcome, SeratoImportResult::Outcome::failed);
+  EXPECT_THAT(r.message, HasSubstr("not a Serato database"));
+  EXPECT_EQ(db().count("playlists"), 0);
+
+  std::filesystem::remove(serato() / "database V2");
+  r = readFromSerato(db(), serato());
+  ASSERT_EQ(r.outcome, SeratoImportResult::Outcome::updated) << r.message;
+  EXPECT_THAT(r.message, HasSubstr("no database V2"));
+  EXPECT_TRUE(db().playlists().playlistByPath("Gig"));
 }
 
 TEST(SeratoGrid, AnchorsTakeTheirTempoFromTheBeatsToTheNext) {

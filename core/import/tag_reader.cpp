@@ -4,23 +4,28 @@
 #include <commentsframe.h>
 #include <fcntl.h>
 #include <flacfile.h>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <id3v2tag.h>
 #include <mp4file.h>
 #include <mpegfile.h>
 #include <oggflacfile.h>
 #include <opusfile.h>
 #include <tdebuglistener.h>
+#include <tpropertymap.h>
 #include <unistd.h>
 #include <vorbisfile.h>
 #include <wavfile.h>
 #include <xiphcomment.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
 #include <fstream>
 #include <memory>
 
+#include "core/formats/id3_reader.h"
 #include "core/text/path_norm.h"
 #include "core/text/split.h"
 
@@ -217,6 +222,78 @@ void readXiph(const TagLib::Ogg::XiphComment* tag, Tags& t) {
 
 // ---- common to every container ------------------------------------------------
 
+// "3/12" → (3, 12); "7" → (7, none).
+std::pair<std::optional<int64_t>, std::optional<int64_t>> numberOf(
+    const std::optional<std::string>& text) {
+  if (!text) return {};
+  auto whole = [](std::string_view part) -> std::optional<int64_t> {
+    part = trim(part);
+    int64_t v = 0;
+    const auto [end, ec] = std::from_chars(part.data(), part.data() + part.size(), v);
+    if (ec != std::errc() || end == part.data() || v <= 0 || v > 9999) return std::nullopt;
+    return v;
+  };
+  const size_t slash = text->find('/');
+  if (slash == std::string::npos) return {whole(*text), std::nullopt};
+  return {whole(std::string_view(*text).substr(0, slash)),
+          whole(std::string_view(*text).substr(slash + 1))};
+}
+
+// Fills what `t` still lacks from TagLib's unified property names; the
+// values of a key with several (artists, composers) are joined.
+void fillFromProperties(const TagLib::PropertyMap& props, Tags& t) {
+  auto values = [&](const char* key) {
+    std::vector<std::string> out;
+    const auto it = props.find(key);
+    if (it == props.end()) return out;
+    for (const auto& v : it->second)
+      if (auto c = clean(v))
+        if (std::find(out.begin(), out.end(), *c) == out.end()) out.push_back(*c);
+    return out;
+  };
+  auto first = [&](const char* key) -> std::optional<std::string> {
+    auto v = values(key);
+    if (v.empty()) return std::nullopt;
+    return v.front();
+  };
+  auto joined = [&](const char* key) -> std::optional<std::string> {
+    const auto v = values(key);
+    if (v.empty()) return std::nullopt;
+    return cleanTagText(fmt::format("{}", fmt::join(v, ", ")));
+  };
+  auto fill = [](std::optional<std::string>& field, std::optional<std::string> value) {
+    if (!field) field = std::move(value);
+  };
+  fill(t.title, first("TITLE"));
+  fill(t.album, first("ALBUM"));
+  fill(t.genre, first("GENRE"));
+  if (!t.year) t.year = firstYear({"DATE", "ORIGINALDATE"}, first);
+  fill(t.comment, first("COMMENT"));
+  fill(t.grouping, first("CONTENTGROUP"));
+  fill(t.grouping, first("GROUPING"));
+  fill(t.publisher, first("LABEL"));
+  if (!t.bpm) t.bpm = tempoFrom(first("BPM"));
+  if (!t.key) t.key = keyFrom(first("INITIALKEY"));
+  fill(t.albumArtist, joined("ALBUMARTIST"));
+  fill(t.composer, joined("COMPOSER"));
+  fill(t.sortTitle, first("TITLESORT"));
+  fill(t.sortArtist, first("ARTISTSORT"));
+  fill(t.sortAlbum, first("ALBUMSORT"));
+  fill(t.sortAlbumArtist, first("ALBUMARTISTSORT"));
+  fill(t.sortComposer, first("COMPOSERSORT"));
+  const auto [track, tracks] = numberOf(first("TRACKNUMBER"));
+  if (!t.trackNumber) t.trackNumber = track;
+  if (!t.trackCount) t.trackCount = tracks ? tracks : numberOf(first("TRACKTOTAL")).first;
+  const auto [disc, discs] = numberOf(first("DISCNUMBER"));
+  if (!t.discNumber) t.discNumber = disc;
+  if (!t.discCount) t.discCount = discs ? discs : numberOf(first("DISCTOTAL")).first;
+  if (!t.compilation)
+    if (const auto c = first("COMPILATION")) t.compilation = *c != "0" && *c != "false";
+  // Every artist, where TagLib's generic field gives only the first.
+  if (const auto artists = joined("ARTIST"); artists && (!t.artist || values("ARTIST").size() > 1))
+    t.artist = artists;
+}
+
 void readCommon(const TagLib::File& file, Tags& t) {
   if (const TagLib::Tag* tag = file.tag()) {
     t.title = clean(tag->title());
@@ -227,6 +304,7 @@ void readCommon(const TagLib::File& file, Tags& t) {
     if (!t.year && tag->year() > 0) t.year = yearOnly(std::to_string(tag->year()));
     if (!t.comment) t.comment = clean(tag->comment(), 4096);
   }
+  fillFromProperties(file.properties(), t);
   if (const auto* p = file.audioProperties()) {
     if (p->lengthInMilliseconds() > 0) t.durationMs = p->lengthInMilliseconds();
     if (p->bitrate() > 0) t.bitrateKbps = p->bitrate();
@@ -387,6 +465,34 @@ std::optional<std::string> cleanTagText(std::string_view text, size_t maxBytes) 
   return std::string(kept);
 }
 
+// TagLib's table from ID3 frame ids to its property names, which it keeps
+// for its frame classes.
+struct FrameKeys : TagLib::ID3v2::Frame {
+  using TagLib::ID3v2::Frame::frameIDToKey;
+};
+
+// TagLib 1.13 loses the last frame of an ID3v2.4 tag with an extended
+// header; the tag is read once more by our own reader, which fills what is
+// still missing.
+void fillFromOwnID3(const std::filesystem::path& file, Tags& t) {
+  std::array<char, 6> head{};
+  if (!std::ifstream(file, std::ios::binary).read(head.data(), head.size())) return;
+  if (std::string_view(head.data(), 3) != "ID3" || !(head[5] & 0x40)) return;
+  const auto frames = ID3Reader::textFrames(file);
+  if (!frames) return;
+  TagLib::PropertyMap props;
+  for (const auto& f : *frames) {
+    const TagLib::String key = f.id == "COMM"
+                                   ? TagLib::String("COMMENT")
+                                   : FrameKeys::frameIDToKey(TagLib::ByteVector(f.id.c_str()));
+    if (key.isEmpty()) continue;
+    TagLib::StringList list;
+    for (const auto& v : f.values) list.append(TagLib::String(v, TagLib::String::UTF8));
+    props.insert(key, list);
+  }
+  fillFromProperties(props, t);
+}
+
 Tags readTags(const std::filesystem::path& file) {
   silenceTagLib();
   Tags t;
@@ -411,7 +517,10 @@ Tags readTags(const std::filesystem::path& file) {
     // size must not end an import of thousands of files.
     t = Tags{};
   }
-  if (t.readable) t.fileType = fileTypeOf(used, ext);
+  if (t.readable) {
+    t.fileType = fileTypeOf(used, ext);
+    fillFromOwnID3(file, t);
+  }
   if (!t.bitrateKbps && t.durationMs && *t.durationMs > 0) {
     std::error_code ec;
     const auto size = std::filesystem::file_size(file, ec);

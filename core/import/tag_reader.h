@@ -1,4 +1,6 @@
-// Reading what a file's own tags say, with TagLib. Readers of foreign bytes:
+// Reading what a file's own tags say, with TagLib (and our own ID3 reader
+// where TagLib loses frames). Several artists (two TPE1 frames, or the
+// values of one ID3v2.4 frame) read as one text, "A, B". Readers of foreign bytes:
 // they never throw, and a file whose tags cannot be read gives empty fields
 // (the importer's fallbacks then apply). The reader is chosen by the file's
 // extension and, when that fails, by its first bytes, so an AAC file named
@@ -22,6 +24,12 @@ struct Tags {
   std::optional<int64_t> sampleRateHz;
   std::optional<double> bpm;       // "TBPM", "tmpo", "BPM"; only a plausible tempo
   std::optional<std::string> key;  // "TKEY", "initialkey", "INITIALKEY", as written
+  // What the album and the shelf need: every container names them its own
+  // way; TagLib's property names unify them.
+  std::optional<std::string> albumArtist, composer;
+  std::optional<int64_t> trackNumber, trackCount, discNumber, discCount;
+  std::optional<bool> compilation;
+  std::optional<std::string> sortTitle, sortArtist, sortAlbum, sortAlbumArtist, sortComposer;
   // The container as the catalogue names it: "mp3", "quicktime", "wave",
   // "aiff"; none for FLAC, Ogg and raw AAC.
   std::optional<std::string> fileType;

@@ -14,6 +14,7 @@
 #include "core/formats/serato_library.h"
 #include "core/formats/serato_tags.h"
 #include "core/store/orvel_db.h"
+#include "core/store/serato_smart_rules.h"
 #include "core/store/track_values.h"
 #include "core/text/split.h"
 
@@ -177,6 +178,7 @@ std::vector<CueRow> cueRowsOf(const SeratoFileTags& tags, int64_t sourceId) {
     r.index = l.index;
     r.positionMs = l.startMs;
     r.lengthMs = std::max(0.0, l.endMs - l.startMs);
+    r.color = l.colorHex.value_or("");
     r.name = l.name.value_or("");
     r.kind = "loop";
     rows.push_back(std::move(r));
@@ -189,20 +191,13 @@ std::vector<CueRow> cueRowsOf(const SeratoFileTags& tags, int64_t sourceId) {
 std::vector<BeatAnchor> SeratoStore::gridFromSerato(std::span<const SeratoGridAnchor> anchors) {
   std::vector<BeatAnchor> grid;
   std::optional<double> lastTempo;
-  for (const SeratoGridAnchor& a : anchors)
-    if (a.bpm && std::isfinite(*a.bpm) && *a.bpm > 0) lastTempo = a.bpm;
+  for (size_t i = 0; i < anchors.size(); ++i)
+    if (anchors[i].bpm)
+      if (auto bpm = SeratoFileTags::tempoAt(anchors, i)) lastTempo = bpm;
   for (size_t i = 0; i < anchors.size(); ++i) {
     const SeratoGridAnchor& a = anchors[i];
     if (!std::isfinite(a.positionSec)) continue;
-    std::optional<double> bpm;
-    if (a.bpm && std::isfinite(*a.bpm) && *a.bpm > 0) {
-      bpm = a.bpm;
-    } else if (a.beatsToNext && i + 1 < anchors.size()) {
-      // The stretch to the next marker holds this many beats.
-      const double span = anchors[i + 1].positionSec - a.positionSec;
-      const double b = *a.beatsToNext * 60.0 / span;
-      if (std::isfinite(b) && b > 0) bpm = b;
-    }
+    std::optional<double> bpm = SeratoFileTags::tempoAt(anchors, i);
     if (!bpm) bpm = lastTempo;
     if (!bpm) continue;
     grid.push_back({a.positionSec * 1000.0, *bpm});
@@ -260,7 +255,8 @@ TagsStored SeratoStore::storeFileTags(int64_t trackId, const SeratoFileTags& tag
                                                                    : TagsStored::failed;
 }
 
-Result<SeratoRefreshCounts> SeratoStore::foldSeratoTracks(const SeratoLibrary& library) {
+Result<SeratoRefreshCounts> SeratoStore::foldSeratoTracks(const SeratoLibrary& library,
+                                                          std::span<const NewTrack> crateOnly) {
   SeratoRefreshCounts counts;
   counts.skippedTrackChunks = library.skippedTrackChunks;
   Transaction tx(conn_);
@@ -305,9 +301,79 @@ Result<SeratoRefreshCounts> SeratoStore::foldSeratoTracks(const SeratoLibrary& l
     }
     ++counts.tracksAdded;
   }
+  for (const NewTrack& t : crateOnly) {
+    Statement find = conn_.cached("SELECT id FROM tracks WHERE path_norm = ? LIMIT 1");
+    find.bind(1, OrvelDB::normalizePath(t.path));
+    if (find.step()) continue;
+    find.reset();
+    const auto id = db_.tracks().insertImported(t, source);
+    if (!id) return id.status();
+    ++counts.tracksAdded;
+  }
   if (Status s = refreshSeratoCrates(library, counts); !s) return s;
   if (Status kept = tx.commit(); !kept) return kept;
   return counts;
+}
+
+namespace {
+
+// Two rule sets that select the same: rule ids are made afresh each time.
+bool sameRules(const SmartPlaylist& a, const SmartPlaylist& b) {
+  if (a.matchAll != b.matchAll || a.liveUpdate != b.liveUpdate || a.rules.size() != b.rules.size())
+    return false;
+  for (size_t i = 0; i < a.rules.size(); ++i)
+    if (a.rules[i].field != b.rules[i].field || a.rules[i].op != b.rules[i].op ||
+        a.rules[i].value != b.rules[i].value)
+      return false;
+  return true;
+}
+
+}  // namespace
+
+Result<bool> SeratoStore::refreshSmartCrate(int64_t crateId, const SeratoCrate& crate,
+                                            const std::optional<SmartPlaylist>& rules,
+                                            SeratoRefreshCounts& counts) {
+  bool changed = false;
+  std::string criteria;
+  for (const SeratoSmartRule& rule : crate.rules) {
+    if (!criteria.empty()) criteria += crate.matchAll ? " AND " : " OR ";
+    criteria += rule.summary();
+  }
+  const std::string info = crate.live ? "serato-smart-live" : "serato-smart";
+  Statement current = conn_.prepare(
+      "SELECT coalesce(smart_criteria,''), coalesce(smart_info,'') FROM playlists WHERE id = ?");
+  current.bind(1, crateId);
+  if (!current.step() || current.text(0) != criteria || current.text(1) != info) {
+    Statement up =
+        conn_.prepare("UPDATE playlists SET smart_criteria = ?, smart_info = ? WHERE id = ?");
+    if (up.bind(1, criteria).bind(2, info).bind(3, crateId).stepCode() != SQLITE_DONE)
+      return conn_.lastStatus();
+    changed = true;
+  }
+
+  SmartStore& smart = db_.smart();
+  const auto stored = smart.loadSmartRules(crateId);
+  if (!rules) {
+    // Rules that no longer translate: the crate goes back to Serato's list.
+    if (stored) {
+      Statement drop = conn_.prepare("DELETE FROM smart_playlists WHERE playlist_id = ?");
+      if (drop.bind(1, crateId).stepCode() != SQLITE_DONE) return conn_.lastStatus();
+      changed = true;
+    }
+    return changed;
+  }
+  if (!stored || !sameRules(*stored, *rules)) {
+    if (Status s = smart.saveSmartRules(crateId, *rules); !s) return s;
+    changed = true;
+  }
+  const std::vector<int64_t> ids = smart.smartQueryIds(*rules);
+  const std::vector<int64_t> before = db_.playlists().orderedTrackIds(crateId);
+  const std::set<int64_t> had(before.begin(), before.end()), now(ids.begin(), ids.end());
+  if (had != now) {
+    for (int64_t id : now) counts.addedLinks += had.count(id) ? 0 : 1;
+    if (Status s = db_.playlists().replacePlaylistTracks(crateId, ids); !s) return s;
+  }
+  return changed;
 }
 
 Status SeratoStore::refreshSeratoCrates(const SeratoLibrary& library, SeratoRefreshCounts& counts) {
@@ -326,14 +392,10 @@ Status SeratoStore::refreshSeratoCrates(const SeratoLibrary& library, SeratoRefr
       "INSERT INTO playlists(source_id, parent_id, name, kind) VALUES(?,?,?,'crate')");
   Statement find = conn_.prepare("SELECT id FROM tracks WHERE path_norm = ? LIMIT 1");
   Statement ghost = conn_.prepare(
-      "INSERT INTO tracks(path, filename, file_missing) VALUES(?,?,1) ON CONFLICT DO NOTHING");
+      "INSERT INTO tracks(path, filename, file_missing) VALUES(?,?,?) ON CONFLICT DO NOTHING");
   Statement members = conn_.prepare("SELECT track_id FROM playlist_tracks WHERE playlist_id = ?");
   Statement link = conn_.prepare(
       "INSERT OR IGNORE INTO playlist_tracks(playlist_id, track_id, position) VALUES(?,?,?)");
-  Statement smart =
-      conn_.prepare("UPDATE playlists SET smart_criteria = ?, smart_info = ? WHERE id = ?");
-  Statement current = conn_.prepare(
-      "SELECT coalesce(smart_criteria,''), coalesce(smart_info,'') FROM playlists WHERE id = ?");
 
   auto fail = [&] { return conn_.lastStatus(); };
 
@@ -354,6 +416,16 @@ Status SeratoStore::refreshSeratoCrates(const SeratoLibrary& library, SeratoRefr
     if (!parent) continue;  // an empty chain names no crate
     const int64_t crateId = *parent;
 
+    const SeratoSmartTranslation smart = translateSeratoSmartCrate(crate);
+    if (crate.isSmart) {
+      const auto changed = refreshSmartCrate(crateId, crate, smart.playlist, counts);
+      if (!changed) return changed.status();
+      counts.smartUpdated += *changed ? 1 : 0;
+    }
+    // A smart crate Orvel evaluates itself has the members its rules give;
+    // every other crate gets what Serato lists, added to what it has.
+    if (smart.playlist) continue;
+
     std::set<int64_t> present;
     members.reset();
     members.bind(1, crateId);
@@ -369,8 +441,12 @@ Status SeratoStore::refreshSeratoCrates(const SeratoLibrary& library, SeratoRefr
       std::optional<int64_t> trackId;
       if (find.step()) trackId = find.int64(0);
       if (!trackId) {
+        // A placeholder for a file that is there (its tags could not be
+        // read) is not marked missing.
+        std::error_code ec;
+        const int64_t missing = fs::is_regular_file(path, ec) ? 0 : 1;
         ghost.reset();
-        ghost.bind(1, path).bind(2, std::string(lastPathComponent(path)));
+        ghost.bind(1, path).bind(2, std::string(lastPathComponent(path))).bind(3, missing);
         if (ghost.stepCode() != SQLITE_DONE) return fail();
         if (conn_.changes() == 0) continue;
         trackId = conn_.lastInsertId();
@@ -381,22 +457,6 @@ Status SeratoStore::refreshSeratoCrates(const SeratoLibrary& library, SeratoRefr
       link.bind(1, crateId).bind(2, *trackId).bind(3, position++);
       if (link.stepCode() != SQLITE_DONE) return fail();
       counts.addedLinks += conn_.changes();
-    }
-
-    if (crate.isSmart) {
-      std::string criteria;
-      for (const SeratoSmartRule& rule : crate.rules) {
-        if (!criteria.empty()) criteria += crate.matchAll ? " AND " : " OR ";
-        criteria += rule.summary();
-      }
-      const std::string info = crate.live ? "serato-smart-live" : "serato-smart";
-      current.reset();
-      current.bind(1, crateId);
-      if (current.step() && current.text(0) == criteria && current.text(1) == info) continue;
-      smart.reset();
-      smart.bind(1, criteria).bind(2, info).bind(3, crateId);
-      if (smart.stepCode() != SQLITE_DONE) return fail();
-      ++counts.smartUpdated;
     }
   }
   return tx.commit();

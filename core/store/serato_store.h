@@ -5,18 +5,22 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "core/store/cue_row.h"
 #include "core/store/store_area.h"
+#include "core/store/track_store.h"
 
 namespace orvel {
 
 struct SeratoLibrary;
+struct SeratoCrate;
 struct SeratoFileTags;
 struct SeratoGridAnchor;
+struct SmartPlaylist;
 
 // What reading Serato's library added to the catalogue. Nothing is ever
 // removed, so all zero means the catalogue was already up to date.
@@ -53,15 +57,23 @@ class SeratoStore : public StoreArea {
   static std::vector<BeatAnchor> gridFromSerato(std::span<const SeratoGridAnchor> anchors);
   // In one transaction: the tracks of "database V2" (matched by path key; a
   // new row gets Serato's fields and is marked missing when its file is not
-  // there; an existing row only has empty fields filled), then the crates.
+  // there; an existing row only has empty fields filled), the files only
+  // crates name as the importer read them (`crateOnly`), then the crates.
   // Nothing is written when it fails.
-  Result<SeratoRefreshCounts> foldSeratoTracks(const SeratoLibrary& library);
+  Result<SeratoRefreshCounts> foldSeratoTracks(const SeratoLibrary& library,
+                                               std::span<const NewTrack> crateOnly = {});
 
  private:
   // Serato's crates as 'crate' nodes under the Serato source, nested by their
   // name chains; members only ever added, unknown paths as placeholders;
   // smart crates keep their rule summaries.
   Status refreshSeratoCrates(const SeratoLibrary& library, SeratoRefreshCounts& counts);
+  // A smart crate's rule summary, and with `rules` (its rules in Orvel's
+  // terms) the rules stored and the members they give now. True when
+  // anything about it changed.
+  Result<bool> refreshSmartCrate(int64_t crateId, const SeratoCrate& crate,
+                                 const std::optional<SmartPlaylist>& rules,
+                                 SeratoRefreshCounts& counts);
 };
 
 }  // namespace orvel

@@ -43,11 +43,13 @@ constexpr std::array<SmartOption, 6> kTextOps = {{
     {"endsWith", "ends with"},
 }};
 
-constexpr std::array<SmartOption, 5> kNumericOps = {{
+constexpr std::array<SmartOption, 7> kNumericOps = {{
     {"is", "is"},
     {"isNot", "is not"},
     {"gt", "is greater than"},
     {"lt", "is less than"},
+    {"atLeast", "is at least"},
+    {"atMost", "is at most"},
     {"inLast", "is in the last"},
 }};
 
@@ -212,12 +214,14 @@ std::optional<std::pair<std::string, SmartBind>> SmartRule::sql(double now) cons
   };
   if (op == "is") return std::pair{"COALESCE(" + column + ",'') = ?", bound()};
   if (op == "isNot") return std::pair{"COALESCE(" + column + ",'') <> ?", bound()};
-  if (op == "gt")
-    return std::pair{"CAST(COALESCE(" + column + ",0) AS REAL) > ?",
-                     number ? numberBind(*number) : SmartBind(value)};
-  if (op == "lt")
-    return std::pair{"CAST(COALESCE(" + column + ",0) AS REAL) < ?",
-                     number ? numberBind(*number) : SmartBind(value)};
+  // "Is at least" and "is at most" are what Serato's smart crates say of
+  // tempos and years; they compare as "gt" and "lt" do.
+  static const std::array<std::pair<std::string_view, std::string_view>, 4> kComparisons{
+      {{"gt", ">"}, {"lt", "<"}, {"atLeast", ">="}, {"atMost", "<="}}};
+  for (const auto& [name, sign] : kComparisons)
+    if (op == name)
+      return std::pair{"CAST(COALESCE(" + column + ",0) AS REAL) " + std::string(sign) + " ?",
+                       number ? numberBind(*number) : SmartBind(value)};
   if (op == "inLast") {
     const double days = parseDays(value).value_or(30.0);
     const int64_t cutoff = truncateToInt64(now - days * 86400.0);

@@ -38,6 +38,8 @@ TEST(SmartRuleSql, EveryOperatorAndTheWholeStatement) {
   EXPECT_EQ(one("plays", "is", "3"), "COALESCE(play_count,'') = ? | 3");
   EXPECT_EQ(one("key", "isNot", "8A"), "COALESCE(key,'') <> ? | '8A'");
   EXPECT_EQ(one("bitrate", "lt", "256"), "CAST(COALESCE(bitrate_kbps,0) AS REAL) < ? | 256");
+  EXPECT_EQ(one("bpm", "atLeast", "124"), "CAST(COALESCE(bpm,0) AS REAL) >= ? | 124");
+  EXPECT_EQ(one("year", "atMost", "1999"), "CAST(COALESCE(year,0) AS REAL) <= ? | 1999");
   EXPECT_EQ(one("bpm", "is", "122.5"), "COALESCE(bpm,'') = ? | 122.5");
   // Year is kept as text, so is / is not compare text.
   EXPECT_EQ(one("year", "isNot", "1999"), "COALESCE(year,'') <> ? | '1999'");

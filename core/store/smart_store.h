@@ -38,8 +38,8 @@ class SmartStore : public StoreArea {
   // A live smart playlist evaluated now, its stored members updated to match;
   // none for a playlist that is not live or whose rules do not load.
   std::optional<std::vector<int64_t>> refreshSmartPlaylist(int64_t playlistId);
-
- private:
+  // The rules document of an existing playlist, written as it is (no
+  // journal, no members): for callers that keep their own record.
   Status saveSmartRules(int64_t playlistId, const SmartPlaylist& playlist);
 };
 

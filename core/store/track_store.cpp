@@ -269,17 +269,33 @@ Result<int64_t> TrackStore::insertImported(const NewTrack& track, int64_t source
   } else {
     const std::string filename =
         track.filename.empty() ? std::string(lastPathComponent(track.path)) : track.filename;
+    // One statement for the whole row: an insert followed by an update of
+    // the same row costs a second index pass.
     Statement ins = conn_.cached(
         "INSERT INTO tracks(path, filename, title, artist, album, genre, duration_ms, "
-        "filesize_bytes,\n"
-        "date_added, date_created, production) VALUES(?,?,?,?,?,?,?,?,?,?,?)");
+        "filesize_bytes, date_added, date_created, production, year, comment, grouping, label, "
+        "bitrate_kbps, samplerate_hz, file_type, bpm, key, album_artist, composer, track_number, "
+        "track_count, disc_number, disc_count, compilation, sort_title, sort_artist, sort_album, "
+        "sort_album_artist, sort_composer)\n"
+        "VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
     ins.bind(1, track.path).bind(2, filename).bind(3, track.title).bind(4, track.artist);
     ins.bind(5, track.album).bind(6, track.genre).bind(7, track.durationMs);
     ins.bind(8, track.filesizeBytes).bind(9, track.dateAdded.value_or(unixNow()));
     ins.bind(10, track.dateCreated).bind(11, static_cast<int64_t>(track.production ? 1 : 0));
+    ins.bind(12, track.year).bind(13, track.comment).bind(14, track.grouping);
+    ins.bind(15, track.label).bind(16, track.bitrateKbps).bind(17, track.samplerateHz);
+    // A tag's tempo outside what a track can have (0, -1, 9999) is a misread,
+    // not a value to sort by.
+    const std::optional<double> bpm = track.bpm && isTempo(*track.bpm) ? track.bpm : std::nullopt;
+    ins.bind(18, track.fileType).bind(19, bpm).bind(20, track.key);
+    ins.bind(21, track.albumArtist).bind(22, track.composer).bind(23, track.trackNumber);
+    ins.bind(24, track.trackCount).bind(25, track.discNumber).bind(26, track.discCount);
+    ins.bind(27,
+             track.compilation ? std::optional<int64_t>(*track.compilation ? 1 : 0) : std::nullopt);
+    ins.bind(28, track.sortTitle).bind(29, track.sortArtist).bind(30, track.sortAlbum);
+    ins.bind(31, track.sortAlbumArtist).bind(32, track.sortComposer);
     if (ins.stepCode() != SQLITE_DONE) return conn_.lastStatus();
     id = conn_.lastInsertId();
-    if (Status s = writeImportedTags(*id, track); !s) return s;
   }
   Statement link =
       conn_.cached("INSERT OR IGNORE INTO track_sources(track_id, source_id) VALUES(?, ?)");
@@ -289,23 +305,6 @@ Result<int64_t> TrackStore::insertImported(const NewTrack& track, int64_t source
     *outcome = !foundRow ? ImportOutcome::inserted
                          : (removed ? ImportOutcome::reinstated : ImportOutcome::reused);
   return *id;
-}
-
-Status TrackStore::writeImportedTags(int64_t id, const NewTrack& t) {
-  if (!t.year && !t.comment && !t.grouping && !t.label && !t.fileType && !t.key && !t.bitrateKbps &&
-      !t.samplerateHz && !t.bpm)
-    return Status::ok();
-  Statement up = conn_.cached(
-      "UPDATE tracks SET year=?, comment=?, grouping=?, label=?, bitrate_kbps=?, "
-      "samplerate_hz=?, file_type=?, bpm=?, key=? WHERE id=?");
-  up.bind(1, t.year).bind(2, t.comment).bind(3, t.grouping).bind(4, t.label);
-  // A tag's tempo outside what a track can have (0, -1, 9999) is a misread,
-  // not a value to sort by.
-  const std::optional<double> bpm = t.bpm && isTempo(*t.bpm) ? t.bpm : std::nullopt;
-  up.bind(5, t.bitrateKbps).bind(6, t.samplerateHz).bind(7, t.fileType).bind(8, bpm);
-  up.bind(9, t.key).bind(10, id);
-  if (up.stepCode() != SQLITE_DONE) return conn_.lastStatus();
-  return Status::ok();
 }
 
 std::string TrackStore::columnFor(std::string_view key) {

@@ -36,6 +36,10 @@ struct NewTrack {
   std::optional<std::string> year, comment, grouping, label, fileType, key;
   std::optional<int64_t> bitrateKbps, samplerateHz;
   std::optional<double> bpm;
+  std::optional<std::string> albumArtist, composer;
+  std::optional<int64_t> trackNumber, trackCount, discNumber, discCount;
+  std::optional<bool> compilation;
+  std::optional<std::string> sortTitle, sortArtist, sortAlbum, sortAlbumArtist, sortComposer;
 };
 
 // What insertImported did with the file.
@@ -134,7 +138,6 @@ class TrackStore : public StoreArea {
   Status relinkOne(const std::string& opId, const std::string& opName, int64_t keeper,
                    int64_t found, int64_t& linksMoved);
   // The tag fields of a row insertImported has just created.
-  Status writeImportedTags(int64_t id, const NewTrack& track);
 };
 
 }  // namespace orvel

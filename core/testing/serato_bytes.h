@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace orvel::testing {
@@ -43,9 +45,13 @@ Bytes id3Tag(uint8_t version, const std::vector<Id3Frame>& frames, uint8_t flags
 Bytes markersEntry(std::string_view type, const Bytes& body);
 Bytes cueBody(uint8_t index, uint32_t positionMs, uint8_t r, uint8_t g, uint8_t b,
               std::optional<std::string> name);
-Bytes loopBody(uint8_t index, uint32_t startMs, uint32_t endMs, std::optional<std::string> name);
+// A saved loop as Serato writes it: the colour (0xRRGGBB) at 14..17, the
+// locked flag at 19, the name from 20.
+Bytes loopBody(uint8_t index, uint32_t startMs, uint32_t endMs, std::optional<std::string> name,
+               uint32_t rgb = 0x27AAE1, bool locked = false);
 Bytes markers2Object(const std::vector<Bytes>& entries, size_t nulPadding = 16);
-// "Serato BeatGrid": (position seconds, beats or, last, BPM) per marker.
+// "Serato BeatGrid": (position seconds, beats to the next marker, written as
+// an integer, or for the last marker its BPM, written as a float).
 Bytes beatGridObject(const std::vector<std::pair<float, float>>& markers,
                      std::optional<uint32_t> declaredCount = std::nullopt);
 
@@ -64,6 +70,22 @@ struct SeratoRuleSpec {
 Bytes seratoSmartCrate(const std::vector<SeratoRuleSpec>& rules, bool matchAll, bool live);
 
 std::string base64(const Bytes& data);
+
+// The same payloads outside ID3, as Serato writes them into other containers.
+// The envelope: base64 (no "=", a line break every 72 characters) of
+// "application/octet-stream", NUL, NUL, the description, NUL, the object.
+std::string seratoEnvelope(std::string_view description, const Bytes& object);
+using Comments = std::vector<std::pair<std::string, std::string>>;
+// A FLAC stream: "fLaC", STREAMINFO, a VORBIS_COMMENT block, a few frame bytes.
+Bytes flacFile(const Comments& comments);
+// An Ogg Vorbis stream: the identification page, the comment header (over as
+// many pages as it takes), then a page of audio.
+Bytes oggVorbisFile(const Comments& comments);
+// An MP4 file with ----:MEAN:NAME items in moov/udta/meta/ilst, after mdat.
+Bytes mp4File(const std::vector<std::tuple<std::string, std::string, std::string>>& items);
+// AIFF (big-endian chunks) and WAV (little-endian) with an "ID3 " chunk.
+Bytes aiffFile(const Bytes& id3);
+Bytes wavFile(const Bytes& id3);
 void writeBytes(const std::filesystem::path& file, const Bytes& bytes);
 
 }  // namespace orvel::testing

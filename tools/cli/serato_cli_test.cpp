@@ -16,10 +16,13 @@ using ::testing::HasSubstr;
 
 class SeratoCliTest : public CliTest {};
 
-TEST_F(SeratoCliTest, TagsPrintsCuesLoopsAndGridWithNullsForAbsentValues) {
-  const Bytes markers = markers2Object({markersEntry("CUE", cueBody(0, 1500, 0xCC, 0, 0, "Drop")),
-                                        markersEntry("CUE", cueBody(2, 4000, 0, 0, 0xCC, {})),
-                                        markersEntry("LOOP", loopBody(1, 8000, 16000, "Roll"))});
+TEST_F(SeratoCliTest, TagsPrintsCuesLoopsGridColourAndLocks) {
+  const Bytes markers =
+      markers2Object({markersEntry("COLOR", {0, 0x99, 0xFF, 0x99}),
+                      markersEntry("CUE", cueBody(0, 1500, 0xCC, 0, 0, "Drop")),
+                      markersEntry("CUE", cueBody(2, 4000, 0, 0, 0xCC, {})),
+                      markersEntry("LOOP", loopBody(1, 8000, 16000, "Roll", 0xE1AA27, true)),
+                      markersEntry("BPMLOCK", {1})});
   const Bytes tag =
       id3Tag(3, {{"GEOB", geobBody(0, {0}, encodedText("Serato Markers2", 0), markers)},
                  {"GEOB", geobBody(0, {0}, encodedText("Serato BeatGrid", 0),
@@ -29,15 +32,56 @@ TEST_F(SeratoCliTest, TagsPrintsCuesLoopsAndGridWithNullsForAbsentValues) {
   const Result json = orvel({"serato", "tags", (dir_ / "t.mp3").string(), "--json"});
   ASSERT_EQ(json.code, 0) << json.err;
   EXPECT_EQ(json.out,
-            R"({"cues":[{"colorHex":"#CC0000","index":0,"name":"Drop","positionMs":1500.0},)"
+            R"({"bpmLocked":true,)"
+            R"("cues":[{"colorHex":"#CC0000","index":0,"name":"Drop","positionMs":1500.0},)"
             R"({"colorHex":"#0000CC","index":2,"name":null,"positionMs":4000.0}],)"
-            R"("gridAnchors":[{"bpm":null,"positionSec":0.5},{"bpm":128.0,"positionSec":8.5}],)"
-            R"("loops":[{"endMs":16000.0,"index":1,"name":"Roll","startMs":8000.0}]})"
+            R"("gridAnchors":[{"beatsToNext":16,"bpm":null,"positionSec":0.5,"tempo":120.0},)"
+            R"({"beatsToNext":null,"bpm":128.0,"positionSec":8.5,"tempo":128.0}],)"
+            R"("loops":[{"colorHex":"#E1AA27","endMs":16000.0,"index":1,"locked":true,)"
+            R"("name":"Roll","startMs":8000.0}],"trackColorHex":"#99FF99"})"
             "\n");
   const Result text = orvel({"serato", "tags", (dir_ / "t.mp3").string()});
   EXPECT_THAT(text.out, HasSubstr("0:01.500"));
   EXPECT_THAT(text.out, HasSubstr("Roll"));
+  EXPECT_THAT(text.out, HasSubstr("track colour #99FF99, beat grid locked"));
+  EXPECT_THAT(text.out, HasSubstr("120.00"));
   EXPECT_EQ(orvel({"serato", "tags", (dir_ / "none.mp3").string()}).code, 1);
+}
+
+// The _Serato_ folder of an external drive, given as the drive itself: its
+// paths are the drive's, and every track is found there.
+TEST_F(SeratoCliTest, ImportFindsEveryTrackOfALibraryOnAnExternalDrive) {
+  const std::filesystem::path drive = dir_ / "mnt" / "USB";
+  std::vector<Bytes> records;
+  std::vector<std::string> paths;
+  for (int i = 0; i < 12; ++i) {
+    const std::string rel = "Music/Set " + std::to_string(i % 3) + "/" + std::to_string(i) + ".mp3";
+    writeBytes(drive / rel, Bytes(64, 0xFF));
+    records.push_back(seratoTrackRecord({{"pfil", rel}, {"tsng", "T" + std::to_string(i)}}));
+    paths.push_back(rel);
+  }
+  writeBytes(drive / "_Serato_" / "database V2", seratoDatabase(records));
+  writeBytes(drive / "_Serato_" / "Subcrates" / "Gig.crate", seratoCrate(paths));
+
+  const Result r = orvel({"serato", "import", drive.string()});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_THAT(r.out, HasSubstr("12 tracks added"));
+  EXPECT_THAT(r.out, HasSubstr("a library on the drive at " + drive.string()));
+  const json gig = orvelJson({"ls", "--playlist", "Gig"});
+  ASSERT_EQ(gig.size(), 12u);
+  for (const json& t : gig) {
+    EXPECT_THAT(t["path"].get<std::string>(), ::testing::StartsWith(drive.string() + "/Music/"));
+    EXPECT_EQ(t["missing"], false) << t["path"];
+  }
+}
+
+TEST_F(SeratoCliTest, ADatabaseThatIsNotSeratosFailsWithItsReason) {
+  const std::filesystem::path serato = dir_ / "_Serato_";
+  writeBytes(serato / "database V2", bytesOf("<html>not a database</html>"));
+  const Result r = orvel({"serato", "import", serato.string()});
+  EXPECT_EQ(r.code, 1);
+  EXPECT_THAT(r.err, HasSubstr("not a Serato database"));
+  EXPECT_EQ(r.out, "");
 }
 
 TEST_F(SeratoCliTest, ImportReadsTheDefaultFolderThenReportsUpToDate) {
@@ -70,7 +114,6 @@ TEST_F(SeratoCliTest, SendWritesACrateThatReadsBackInOrder) {
   std::filesystem::create_directories(serato / "Subcrates");
   const Result sent = orvel({"serato", "send", "Sets / Warm-up", "--serato-dir", serato.string()});
   ASSERT_EQ(sent.code, 0) << sent.err;
-  writeBytes(serato / "database V2", {});
   const SeratoLibrary lib = SeratoLibrary::load(serato);
   ASSERT_EQ(lib.crates.size(), 1u);
   EXPECT_THAT(lib.crates[0].nameChain, ElementsAre("Sets", "Warm-up"));
@@ -89,7 +132,6 @@ std::filesystem::perms permsOf(const std::filesystem::path& file) {
 
 std::vector<std::string> trackPaths(const std::filesystem::path& serato,
                                     const std::vector<std::string>& chain) {
-  writeBytes(serato / "database V2", {});
   for (const SeratoCrate& crate : SeratoLibrary::load(serato).crates)
     if (crate.nameChain == chain) return crate.trackPaths;
   return {"<no such crate>"};

@@ -1,10 +1,12 @@
 // orvel serato tags|import|send, orvel export xml.
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "app/crate_export.h"
+#include "core/formats/serato_library.h"
 #include "core/formats/serato_tags.h"
 #include "core/import/serato_import.h"
 #include "core/text/visible.h"
@@ -31,17 +33,37 @@ json tagsJson(const SeratoFileTags& tags) {
                     {"colorHex", orNull(c.colorHex)},
                     {"name", orNull(c.name)}});
   for (const SeratoLoop& l : tags.loops)
-    loops.push_back(
-        {{"index", l.index}, {"startMs", l.startMs}, {"endMs", l.endMs}, {"name", orNull(l.name)}});
-  for (const SeratoGridAnchor& a : tags.gridAnchors)
-    grid.push_back({{"positionSec", a.positionSec}, {"bpm", orNull(a.bpm)}});
-  return {{"cues", cues}, {"loops", loops}, {"gridAnchors", grid}};
+    loops.push_back({{"index", l.index},
+                     {"startMs", l.startMs},
+                     {"endMs", l.endMs},
+                     {"colorHex", orNull(l.colorHex)},
+                     {"locked", l.locked},
+                     {"name", orNull(l.name)}});
+  for (size_t i = 0; i < tags.gridAnchors.size(); ++i) {
+    const SeratoGridAnchor& a = tags.gridAnchors[i];
+    grid.push_back({{"positionSec", a.positionSec},
+                    {"bpm", orNull(a.bpm)},
+                    {"beatsToNext", orNull(a.beatsToNext)},
+                    {"tempo", orNull(SeratoFileTags::tempoAt(tags.gridAnchors, i))}});
+  }
+  return {{"cues", cues},
+          {"loops", loops},
+          {"gridAnchors", grid},
+          {"trackColorHex", orNull(tags.trackColorHex)},
+          {"bpmLocked", orNull(tags.bpmLocked)}};
 }
 
 void printTags(Context& ctx, const std::string& file, const SeratoFileTags& tags) {
   if (tags.empty()) {
     ctx.out << "No Serato cues, loops or beat grid in " << file << "\n";
     return;
+  }
+  if (tags.trackColorHex || tags.bpmLocked) {
+    std::vector<std::string> facts;
+    if (tags.trackColorHex) facts.push_back("track colour " + *tags.trackColorHex);
+    if (tags.bpmLocked)
+      facts.push_back(*tags.bpmLocked ? "beat grid locked" : "beat grid unlocked");
+    ctx.out << fmt::format("{}\n", fmt::join(facts, ", "));
   }
   if (!tags.cues.empty()) {
     Table table({{"SLOT", 4, true}, {"AT", 12, true}, {"COLOR", 7}, {"NAME", 40}});
@@ -52,17 +74,27 @@ void printTags(Context& ctx, const std::string& file, const SeratoFileTags& tags
     table.print(ctx.out);
   }
   if (!tags.loops.empty()) {
-    Table table({{"SLOT", 4, true}, {"FROM", 12, true}, {"TO", 12, true}, {"NAME", 40}});
+    Table table({{"SLOT", 4, true},
+                 {"FROM", 12, true},
+                 {"TO", 12, true},
+                 {"COLOR", 7},
+                 {"LOCKED", 6},
+                 {"NAME", 40}});
     for (const SeratoLoop& l : tags.loops)
-      table.add(
-          {std::to_string(l.index), clockTime(l.startMs), clockTime(l.endMs), l.name.value_or("")});
+      table.add({std::to_string(l.index), clockTime(l.startMs), clockTime(l.endMs),
+                 l.colorHex.value_or(""), l.locked ? "yes" : "", l.name.value_or("")});
     ctx.out << "Loops\n";
     table.print(ctx.out);
   }
   if (!tags.gridAnchors.empty()) {
-    Table table({{"AT", 12, true}, {"BPM", 8, true}});
-    for (const SeratoGridAnchor& a : tags.gridAnchors)
-      table.add({clockTime(a.positionSec * 1000), a.bpm ? fmt::format("{:.2f}", *a.bpm) : ""});
+    Table table({{"AT", 12, true}, {"BEATS", 6, true}, {"BPM", 8, true}});
+    for (size_t i = 0; i < tags.gridAnchors.size(); ++i) {
+      const SeratoGridAnchor& a = tags.gridAnchors[i];
+      const auto tempo = SeratoFileTags::tempoAt(tags.gridAnchors, i);
+      table.add({clockTime(a.positionSec * 1000),
+                 a.beatsToNext ? std::to_string(*a.beatsToNext) : "",
+                 tempo ? fmt::format("{:.2f}", *tempo) : ""});
+    }
     ctx.out << "Beat grid\n";
     table.print(ctx.out);
   }
@@ -86,8 +118,20 @@ struct SeratoArgs {
   bool replace = false;
 };
 
+// The _Serato_ folder itself, or a drive (or folder) that holds one.
+fs::path seratoFolder(const std::string& given) {
+  if (given.empty()) return defaultSeratoDir();
+  const fs::path dir(given);
+  std::error_code ec;
+  const bool isLibrary = fs::exists(dir / SeratoLibrary::kDatabaseFile, ec) ||
+                         fs::is_directory(dir / SeratoLibrary::kCratesFolder, ec) ||
+                         fs::is_directory(dir / SeratoLibrary::kSmartCratesFolder, ec);
+  if (!isLibrary && fs::is_directory(dir / "_Serato_", ec)) return dir / "_Serato_";
+  return dir;
+}
+
 void runImport(Context& ctx, const SeratoArgs& a) {
-  const fs::path dir = a.dir.empty() ? defaultSeratoDir() : fs::path(a.dir);
+  const fs::path dir = seratoFolder(a.dir);
   OrvelDB& db = ctx.db();
   InterruptGuard interrupt;
   ProgressBar bar(ctx.err, ctx.errIsTerminal, "Reading Serato tags");
@@ -166,7 +210,8 @@ void addSeratoCommands(CLI::App& app, Context& ctx) {
 
   CLI::App* importCommand = serato->add_subcommand(
       "import", "Read Serato's library: tracks, crates, smart crates, cues and beat grids");
-  importCommand->add_option("DIR", a->dir, "The _Serato_ folder (default: ~/Music/_Serato_)");
+  importCommand->add_option(
+      "DIR", a->dir, "The _Serato_ folder, or the drive it is on (default: ~/Music/_Serato_)");
   importCommand->add_flag("--json", a->json, "The outcome and counts as JSON");
   importCommand->callback([&ctx, a] { runImport(ctx, *a); });
 
