@@ -73,6 +73,7 @@ test-asan:
 bench:
 	$(MAKE) build PRESET=release
 	build/release/bench/orvel_store_bench
+	build/release/bench/orvel_library_bench
 	build/release/bench/orvel_import_bench
 	build/release/bench/orvel_serato_bench
 	build/release/bench/orvel_analysis_bench

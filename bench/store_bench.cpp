@@ -15,6 +15,7 @@
 #include <memory>
 #include <optional>
 
+#include "bench/launch_query_loop.h"
 #include "bench/ratio_reporter.h"
 #include "bench/sample_catalogue.h"
 #include "core/store/log.h"
@@ -58,31 +59,7 @@ const std::vector<sample::SampleTrack>& tenThousand() {
 
 void BM_LaunchQueryBareLoop(benchmark::State& state) {
   OrvelDB& db = *library().db;
-  for (auto _ : state) {
-    Statement st = db.prepare(TrackStore::launchQuery());
-    sqlite3_stmt* s = st.get();
-    const int columns = sqlite3_column_count(s);
-    int64_t sum = 0;
-    while (st.step()) {
-      for (int c = 0; c < columns; ++c) {
-        switch (sqlite3_column_type(s, c)) {
-          case SQLITE_INTEGER:
-            sum += sqlite3_column_int64(s, c);
-            break;
-          case SQLITE_FLOAT:
-            sum += static_cast<int64_t>(sqlite3_column_double(s, c));
-            break;
-          case SQLITE_TEXT:
-            sum += reinterpret_cast<const char*>(sqlite3_column_text(s, c))[0];
-            sum += sqlite3_column_bytes(s, c);
-            break;
-          default:
-            break;
-        }
-      }
-    }
-    benchmark::DoNotOptimize(sum);
-  }
+  for (auto _ : state) benchmark::DoNotOptimize(bench::stepLaunchQuery(db));
   state.counters["rows"] = kLibrary;
 }
 

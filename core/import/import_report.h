@@ -7,16 +7,14 @@
 #include <string_view>
 
 #include "core/import/importer.h"
+#include "core/text/toast.h"
 
 namespace orvel::Importer {
 
 // "Added 12" or "Added 12 · 3 already here".
 std::string statusText(const Result& result);
 
-struct Toast {
-  std::string symbol;  // the window maps it to an icon
-  std::string text;
-};
+using Toast = orvel::Toast;
 // {"folder.badge.plus", "Added 1 track"} or "Added 12 tracks · 3 already here".
 Toast toast(const Result& result);
 

@@ -4,27 +4,10 @@
 #include <string>
 #include <vector>
 
+#include "core/text/split.h"
+
 namespace orvel::Importer {
 namespace {
-
-// ASCII words, lower-cased; other bytes (UTF-8 letters) split words too,
-// which is fine for terms that are plain English.
-std::vector<std::string> wordsOf(std::string_view text) {
-  std::vector<std::string> words;
-  std::string word;
-  for (const char ch : text) {
-    if ((ch >= 'a' && ch <= 'z') || (ch >= '0' && ch <= '9')) {
-      word += ch;
-    } else if (ch >= 'A' && ch <= 'Z') {
-      word += static_cast<char>(ch - 'A' + 'a');
-    } else if (!word.empty()) {
-      words.push_back(std::move(word));
-      word.clear();
-    }
-  }
-  if (!word.empty()) words.push_back(std::move(word));
-  return words;
-}
 
 // Phrases as word pairs; a missing second word means a single word.
 struct Term {
@@ -58,7 +41,7 @@ bool isWord(std::string_view w) {
 }
 
 bool tagSaysProduction(std::string_view text) {
-  const auto words = wordsOf(text);
+  const auto words = asciiWords(text);
   if (hasPhrase(words, kPhrases)) return true;
   for (const auto& w : words)
     if (isWord(w)) return true;
@@ -66,7 +49,7 @@ bool tagSaysProduction(std::string_view text) {
 }
 
 bool commentSaysProduction(std::string_view text) {
-  const auto words = wordsOf(text);
+  const auto words = asciiWords(text);
   return hasPhrase(words, kPhrases) || hasPhrase(words, kRoyaltyFree);
 }
 
@@ -75,7 +58,7 @@ bool folderSaysProduction(std::string_view folder) {
   while (start <= folder.size()) {
     size_t end = folder.find('/', start);
     if (end == std::string_view::npos) end = folder.size();
-    const auto words = wordsOf(folder.substr(start, end - start));
+    const auto words = asciiWords(folder.substr(start, end - start));
     if (!words.empty() && (hasPhrase(words, kPhrases) || isWord(words.back()))) return true;
     start = end + 1;
   }

@@ -118,4 +118,28 @@ class [[nodiscard]] Result {
   std::variant<T, Status> state_;
 };
 
+// What to do about a damaged catalogue.
+inline constexpr const char* kRestoreAdvice =
+    "restore the newest good backup: quit Orvel, copy a file from the Backups folder beside the "
+    "catalogue over it (orvel --db BACKUP info --check tells whether one is whole)";
+
+// Why a write failed, in the user's words: the cause first, SQLite's own
+// words in brackets.
+inline std::string describe(const Status& why) {
+  const std::string& m = why.message();
+  switch (why.code()) {
+    case Status::Code::busy:
+      return "another program is writing the catalogue and held it longer than Orvel waits (" + m +
+             "); try again when it is done";
+    case Status::Code::readOnly:
+      return "the catalogue cannot be written: its file or folder is read-only (" + m + ")";
+    case Status::Code::full:
+      return "the disk is full (" + m + ")";
+    case Status::Code::corrupt:
+      return "the catalogue is damaged (" + m + "); " + kRestoreAdvice;
+    default:
+      return m.empty() ? "no reason was given" : m;
+  }
+}
+
 }  // namespace orvel

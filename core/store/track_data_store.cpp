@@ -117,4 +117,15 @@ std::vector<std::pair<std::string, int64_t>> TrackDataStore::allTagCounts() cons
   return out;
 }
 
+std::vector<int64_t> TrackDataStore::idsWithISRC() const {
+  return conn_.ids("SELECT id FROM tracks t WHERE " + std::string(kLiveTrackT) +
+                   " AND (COALESCE(t.isrc,'') <> '' OR EXISTS(SELECT 1 FROM release_fields r "
+                   "WHERE r.track_id = t.id AND COALESCE(r.isrc,'') <> ''))");
+}
+
+std::vector<int64_t> TrackDataStore::idsWithArtwork() const {
+  return conn_.ids("SELECT id FROM tracks t WHERE " + std::string(kLiveTrackT) +
+                   " AND COALESCE(t.has_artwork,0) = 1");
+}
+
 }  // namespace orvel

@@ -35,6 +35,11 @@ class TrackDataStore : public StoreArea {
   std::vector<int64_t> taggedIds(const std::string& tag) const;
   std::vector<std::string> tagsOf(int64_t trackId) const;
   std::vector<std::pair<std::string, int64_t>> allTagCounts() const;
+
+  // Live tracks with an ISRC (kept in release_fields or on the track), and
+  // with artwork.
+  std::vector<int64_t> idsWithISRC() const;
+  std::vector<int64_t> idsWithArtwork() const;
 };
 
 }  // namespace orvel

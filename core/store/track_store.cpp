@@ -208,10 +208,62 @@ std::vector<TrackRow> TrackStore::loadAllTracks(std::optional<int64_t> limit) co
   return rows;
 }
 
+int64_t TrackStore::liveCount() const {
+  return conn_.scalarInt("SELECT COUNT(*) FROM tracks t WHERE " + std::string(kLiveTrackT))
+      .value_or(0);
+}
+
+void TrackStore::forEachSearchable(
+    const std::function<void(int64_t, std::string_view, std::string_view, std::string_view,
+                             std::string_view)>& visit) const {
+  Statement st = conn_.prepare(
+      "SELECT t.id, COALESCE(t.title, t.filename, ''), COALESCE(t.artist, ''), "
+      "COALESCE(t.album, ''), COALESCE(t.genre, '') FROM tracks t WHERE " +
+      std::string(kLiveTrackT));
+  while (st.step())
+    visit(st.int64(0), st.textView(1), st.textView(2), st.textView(3), st.textView(4));
+}
+
 std::shared_ptr<const TrackSnapshot> TrackStore::loadSnapshot() const {
   auto snapshot = std::make_shared<TrackSnapshot>();
   snapshot->generation = conn_.generation();
-  snapshot->rows = loadAllTracks();
+  // In the table's own order: walking the date index instead fetches every
+  // row out of order, which costs more than sorting them here.
+  Statement st = conn_.prepare(selectColumns() + "WHERE " + std::string(kLiveTrackT));
+  std::vector<TrackRow> read;
+  read.reserve(static_cast<size_t>(conn_.count("tracks")));
+  while (st.step()) readTrack(st, read.emplace_back());
+  // The launch order: newest first, a missing date last, ties by higher id.
+  // The order is found on small keys and each row moved once.
+  struct Key {
+    int64_t added;
+    int64_t id;
+    uint32_t at;
+  };
+  std::vector<Key> keys(read.size());
+  for (uint32_t i = 0; i < read.size(); ++i)
+    keys[i] = {read[i].dateAdded.value_or(INT64_MIN), read[i].id, i};
+  std::sort(keys.begin(), keys.end(), [](const Key& a, const Key& b) {
+    return a.added != b.added ? a.added > b.added : a.id > b.id;
+  });
+  // Put in place by following the permutation's cycles: no second copy of
+  // a library's rows is ever allocated.
+  std::vector<uint32_t> from(keys.size());
+  for (uint32_t i = 0; i < keys.size(); ++i) from[i] = keys[i].at;
+  for (uint32_t start = 0; start < from.size(); ++start) {
+    if (from[start] == start) continue;
+    TrackRow held = std::move(read[start]);
+    uint32_t at = start;
+    while (from[at] != start) {
+      const uint32_t next = from[at];
+      read[at] = std::move(read[next]);
+      from[at] = at;
+      at = next;
+    }
+    read[at] = std::move(held);
+    from[at] = at;
+  }
+  snapshot->rows = std::move(read);
   return snapshot;
 }
 
@@ -222,6 +274,27 @@ std::optional<TrackRow> TrackStore::loadTrack(int64_t id) const {
   TrackRow row;
   readTrack(st, row);
   return row;
+}
+
+std::vector<TrackRow> TrackStore::loadTracks(std::span<const int64_t> ids) const {
+  std::vector<TrackRow> rows;
+  rows.reserve(ids.size());
+  // In slices: a statement takes a bounded number of parameters.
+  constexpr size_t kSlice = 500;
+  for (size_t at = 0; at < ids.size(); at += kSlice) {
+    const size_t n = std::min(kSlice, ids.size() - at);
+    std::string marks;
+    for (size_t i = 0; i < n; ++i) marks += i ? ",?" : "?";
+    Statement st = conn_.prepare(selectColumns() + "WHERE t.id IN (" + marks + ") AND " +
+                                 std::string(kLiveTrackT));
+    for (size_t i = 0; i < n; ++i) st.bind(static_cast<int>(i + 1), ids[at + i]);
+    while (st.step()) {
+      TrackRow row;
+      readTrack(st, row);
+      rows.push_back(std::move(row));
+    }
+  }
+  return rows;
 }
 
 Result<int64_t> TrackStore::orvelSourceId() {

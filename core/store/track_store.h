@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -66,12 +67,22 @@ class TrackStore : public StoreArea {
 
   // ---- listing ------------------------------------------------------------
   std::vector<TrackRow> loadAllTracks(std::optional<int64_t> limit = std::nullopt) const;
-  // The whole live library as one immutable snapshot, stamped with the
-  // connection's change generation; share it with workers as it is.
+  // The whole live library as one immutable snapshot in the launch order,
+  // stamped with the connection's change generation; share it with workers
+  // as it is.
   std::shared_ptr<const TrackSnapshot> loadSnapshot() const;
+  int64_t liveCount() const;
+  // Every live track's id and the four fields a search looks in, in no set
+  // order: a search answers without reading whole rows.
+  void forEachSearchable(
+      const std::function<void(int64_t id, std::string_view title, std::string_view artist,
+                               std::string_view album, std::string_view genre)>& visit) const;
   // The launch query's text (what loadAllTracks steps), for measuring it bare.
   static std::string launchQuery();
   std::optional<TrackRow> loadTrack(int64_t id) const;
+  // The live rows among these ids as the launch query reads them, in no set
+  // order: an id that does not come back was removed or merged.
+  std::vector<TrackRow> loadTracks(std::span<const int64_t> ids) const;
 
   // ---- adding ---------------------------------------------------------------
   // Adds a file, or reuses (reinstates) the row that has its path key;

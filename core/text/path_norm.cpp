@@ -84,11 +84,23 @@ std::string normalizePathKey(std::string_view utf8) {
 }
 
 std::string lowerUnicode(std::string_view utf8) {
-  if (isAscii(utf8)) return asciiLower(utf8);
+  std::string out;
+  appendLowerUnicode(out, utf8);
+  return out;
+}
+
+void appendLowerUnicode(std::string& out, std::string_view utf8) {
+  if (isAscii(utf8)) {
+    const size_t at = out.size();
+    out.append(utf8);
+    for (size_t i = at; i < out.size(); ++i)
+      if (out[i] >= 'A' && out[i] <= 'Z') out[i] = static_cast<char>(out[i] - 'A' + 'a');
+    return;
+  }
   icu::UnicodeString u = icu::UnicodeString::fromUTF8(
       icu::StringPiece(utf8.data(), static_cast<int32_t>(utf8.size())));
   u.toLower(icu::Locale::getRoot());
-  return toUtf8(u);
+  u.toUTF8String(out);
 }
 
 }  // namespace orvel

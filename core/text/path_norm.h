@@ -13,6 +13,9 @@ std::string normalizePathKey(std::string_view utf8);
 
 // Full Unicode lower-casing without normalisation (search, folding).
 std::string lowerUnicode(std::string_view utf8);
+// The same, appended to `out`: no string of its own for each of a library's
+// hundreds of thousands of fields.
+void appendLowerUnicode(std::string& out, std::string_view utf8);
 
 // Whether the bytes are well-formed UTF-8 (no overlong forms or surrogates).
 bool isValidUtf8(std::string_view s);

@@ -48,6 +48,23 @@ std::string extensionOf(std::string_view path) {
   return ext;
 }
 
+std::vector<std::string> asciiWords(std::string_view text) {
+  std::vector<std::string> words;
+  std::string word;
+  for (const char ch : text) {
+    if ((ch >= 'a' && ch <= 'z') || (ch >= '0' && ch <= '9')) {
+      word += ch;
+    } else if (ch >= 'A' && ch <= 'Z') {
+      word += static_cast<char>(ch - 'A' + 'a');
+    } else if (!word.empty()) {
+      words.push_back(std::move(word));
+      word.clear();
+    }
+  }
+  if (!word.empty()) words.push_back(std::move(word));
+  return words;
+}
+
 std::string_view utf8Prefix(std::string_view text, size_t maxBytes) {
   if (text.size() <= maxBytes) return text;
   size_t cut = maxBytes;

@@ -22,6 +22,11 @@ std::string_view lastPathComponent(std::string_view path);
 
 // At most `maxBytes` of UTF-8 text, cut before a character, never inside one.
 std::string_view utf8Prefix(std::string_view text, size_t maxBytes);
+// The ASCII words of a text, lower-cased: runs of letters and digits, split
+// at anything else (other bytes, UTF-8 letters included, split words too,
+// which suits terms that are plain English). "ONE-SHOTS" → "one", "shots".
+std::vector<std::string> asciiWords(std::string_view text);
+
 // The lower-cased ASCII extension of a path's file name, without the dot;
 // empty when the name has none or only a leading dot.
 std::string extensionOf(std::string_view path);

@@ -11,8 +11,9 @@
 
 namespace orvel::cli {
 
-int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err, Input input) {
   Context ctx(out, err);
+  ctx.input = input;
   // Progress bars only for a person at a terminal, never into a test's stream.
   ctx.errIsTerminal = &err == &std::cerr && stderrIsTerminal();
   CLI::App app("Orvel: a music library for DJs and record collectors", "orvel");
@@ -22,6 +23,9 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
   app.add_option("--db", ctx.dbOption, "Use the catalogue at PATH instead of the usual one")
       ->type_name("PATH");
   app.add_flag("-v,--verbose", ctx.verbose, "Also show the store's log lines on stderr");
+  app.add_flag("-y,--yes", ctx.yes,
+               "Answer yes to questions such as \"Rate 40 tracks?\" (needed for edits of 31 "
+               "tracks or more when no one is at a terminal)");
   app.add_option("--busy-timeout", ctx.busyTimeoutMs,
                  "How long to wait for another program that is writing the catalogue before "
                  "failing, in milliseconds (default 5000)")

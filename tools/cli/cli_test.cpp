@@ -22,19 +22,20 @@ using ::testing::StartsWith;
 
 TEST_F(CliTest, EveryEditIsListedAndCanBeUndoneAndRedoneById) {
   const std::string ids[] = {std::to_string(a_), std::to_string(b_)};
+  // Each says what it did in the words the window's toast uses.
   const std::vector<std::pair<std::vector<std::string>, std::string>> edits = {
-      {{"set", "genre", "Deep House", ids[0], ids[1]}, "Edit Genre"},
-      {{"set", "albumartist", "Various", ids[0]}, "Edit Albumartist"},
-      {{"rate", "4", ids[0]}, "Set Rating"},
-      {{"love", ids[1]}, "Love"},
-      {{"dislike", ids[0]}, "Dislike"},
-      {{"rm", ids[1]}, "Remove from Library"},
+      {{"set", "genre", "Deep House", ids[0], ids[1]}, "Edit Genre on 2 tracks"},
+      {{"set", "albumartist", "Various", ids[0]}, "Edit Albumartist to Various"},
+      {{"rate", "4", ids[0]}, "Rated 1 track \u2605\u2605\u2605\u2605\u2606"},
+      {{"love", ids[1]}, "Loved 1 track"},
+      {{"dislike", ids[0]}, "Disliked 1 track \u00b7 hidden from every view"},
+      {{"rm", ids[1]}, "Removed 1 track from the library"},
   };
   std::vector<std::string> opIds;
   for (const auto& [args, name] : edits) {
     const Result r = orvel(args);
     ASSERT_EQ(r.code, 0) << r.err;
-    EXPECT_THAT(r.out, StartsWith(name + " on "));
+    EXPECT_THAT(r.out, StartsWith(name + " (undo with: orvel undo "));
     opIds.push_back(opOf(r));
   }
   const json history = orvelJson({"history"});
@@ -173,7 +174,10 @@ TEST_F(CliTest, ListingsSearchSortLimitAndShowTrackRowFields) {
   const Result table = orvel({"ls"});
   EXPECT_EQ(table.code, 0);
   EXPECT_THAT(table.out, HasSubstr("Never Grow Old"));
-  EXPECT_EQ(std::count(table.out.begin(), table.out.end(), '\n'), 4);
+  // A header, three rows and the status line of the library view.
+  EXPECT_EQ(std::count(table.out.begin(), table.out.end(), '\n'), 5);
+  const std::string last = table.out.substr(table.out.rfind('\n', table.out.size() - 2) + 1);
+  EXPECT_THAT(last, ::testing::StartsWith("3 tracks \u00b7 "));
   EXPECT_THAT(orvel({"show", std::to_string(a_)}).out,
               HasSubstr("#" + std::to_string(a_) + "  Floorplan — Never Grow Old"));
 }

@@ -37,9 +37,9 @@ void requireLiveTracks(Context& ctx, std::span<const int64_t> ids);
 std::string countOf(size_t n, const std::string& noun);
 // " (undo with: orvel undo OPID)".
 std::string undoHint(const std::string& opId);
-// A store failure in words, naming the cause where it is the catalogue's or
-// the disk's (locked, read-only, full, damaged) rather than the request's.
-std::string describe(const Status& why);
+// A store failure in words (orvel::describe), naming the cause where it is
+// the catalogue's or the disk's (locked, read-only, full, damaged).
+using orvel::describe;
 // Fails with the store's reason: "WHAT failed: WHY; nothing was changed".
 [[noreturn]] void failed(const std::string& what, const Status& why);
 // "2026-11-21 13:05:00" in local time.

@@ -44,6 +44,38 @@ OrvelDB& Context::db() {
   return *db_;
 }
 
+namespace {
+
+// Asks on the terminal: the question and its explanation on stderr, the
+// answer from stdin. With nobody there the edit fails, naming --yes.
+class TerminalAsker : public library::Asker {
+ public:
+  explicit TerminalAsker(Context& ctx) : ctx_(ctx) {}
+  bool ask(const library::Question& q) override {
+    if (ctx_.yes) return true;
+    if (!ctx_.input.in || !ctx_.input.terminal)
+      throw CliError(kFailed, q.question +
+                                  " Nobody is at a terminal to say yes; run it again "
+                                  "with --yes. Nothing was changed");
+    ctx_.err << q.question << "\n"
+             << q.explanation << "\n"
+             << q.confirm << "? [y/N] " << std::flush;
+    std::string answer;
+    if (!std::getline(*ctx_.input.in, answer)) answer.clear();
+    return !answer.empty() && (answer[0] == 'y' || answer[0] == 'Y');
+  }
+
+ private:
+  Context& ctx_;
+};
+
+}  // namespace
+
+library::Asker& Context::asker() {
+  if (!asker_) asker_ = std::make_unique<TerminalAsker>(*this);
+  return *asker_;
+}
+
 void Context::requireIntact() {
   if (!db_) return;
   const Status& damage = db_->connection().damage();

@@ -9,16 +9,15 @@
 #include <stdexcept>
 #include <string>
 
+#include "core/library/library_edits.h"
 #include "core/store/orvel_db.h"
+#include "tools/cli/cli.h"
 
 namespace orvel::cli {
 
 enum ExitCode { kDone = 0, kFailed = 1, kBadUsage = 2 };
 
-// What to do about a damaged catalogue.
-inline constexpr const char* kRestoreAdvice =
-    "restore the newest good backup: quit Orvel, copy a file from the Backups folder beside the "
-    "catalogue over it (orvel --db BACKUP info --check tells whether one is whole)";
+using orvel::kRestoreAdvice;
 
 class CliError : public std::runtime_error {
  public:
@@ -41,6 +40,11 @@ struct Context {
   // The command will write: the catalogue gets its automatic backup (at
   // most one in 20 hours) when it is first opened.
   bool autoBackup = false;
+  Input input;       // where a question is answered
+  bool yes = false;  // --yes: every question answered yes
+
+  // Asks the way this command line can: on a terminal, or not at all.
+  library::Asker& asker();
 
   // The catalogue path in force.
   std::string dbPath() const;
@@ -53,6 +57,7 @@ struct Context {
 
  private:
   std::unique_ptr<OrvelDB> db_;
+  std::unique_ptr<library::Asker> asker_;
 };
 
 }  // namespace orvel::cli

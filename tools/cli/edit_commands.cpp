@@ -33,9 +33,24 @@ std::string titleCase(std::string s) {
   return s;
 }
 
-void report(Context& ctx, const Result<std::string>& opId, const std::string& what, size_t n) {
-  if (!opId) failed(what, opId.status());
-  ctx.out << what << " on " << countOf(n, "track") << undoHint(*opId) << '\n';
+// The editor's toast is the command's answer, with how to take it back.
+void report(Context& ctx, const library::EditResult& r) {
+  switch (r.outcome) {
+    case library::EditResult::Outcome::done:
+      ctx.out << r.toast.text << undoHint(r.opId) << '\n';
+      return;
+    case library::EditResult::Outcome::nothing:
+      ctx.out << r.toast.text << '\n';
+      return;
+    case library::EditResult::Outcome::declined:
+      throw CliError(kFailed, "cancelled; nothing was changed");
+    case library::EditResult::Outcome::failed:
+      throw CliError(kFailed, r.toast.text + "; nothing was changed");
+  }
+}
+
+library::LibraryEditor editor(Context& ctx) {
+  return library::LibraryEditor(ctx.db(), ctx.asker());
 }
 
 }  // namespace
@@ -54,23 +69,6 @@ std::string countOf(size_t n, const std::string& noun) {
 
 std::string undoHint(const std::string& opId) {
   return " (undo with: orvel undo " + opId + ")";
-}
-
-std::string describe(const Status& why) {
-  const std::string& m = why.message();
-  switch (why.code()) {
-    case Status::Code::busy:
-      return "another program is writing the catalogue and held it longer than Orvel waits (" + m +
-             "); try again when it is done";
-    case Status::Code::readOnly:
-      return "the catalogue cannot be written: its file or folder is read-only (" + m + ")";
-    case Status::Code::full:
-      return "the disk is full (" + m + ")";
-    case Status::Code::corrupt:
-      return "the catalogue is damaged (" + m + "); " + kRestoreAdvice;
-    default:
-      return m.empty() ? "no reason was given" : m;
-  }
 }
 
 void failed(const std::string& what, const Status& why) {
@@ -100,10 +98,7 @@ void addEditCommands(CLI::App& app, Context& ctx) {
     if (Status s = checkTrackValue(db.connection(), column, a->field, a->value); !s)
       throw CliError(kBadUsage, s.message());
     requireLiveTracks(ctx, a->ids);
-    const std::optional<std::string> value =
-        a->value.empty() ? std::nullopt : std::optional<std::string>(a->value);
-    const std::string opName = "Edit " + titleCase(a->field);
-    report(ctx, db.tracks().setField(column, value, a->ids, opName), opName, a->ids.size());
+    report(ctx, editor(ctx).setField(a->ids, a->field, titleCase(a->field), a->value));
   });
 
   CLI::App* rate = app.add_subcommand("rate", "Rate tracks from 0 to 5 stars");
@@ -111,7 +106,7 @@ void addEditCommands(CLI::App& app, Context& ctx) {
   rate->add_option("ID", a->ids, "Track ids")->required();
   rate->callback([&ctx, a] {
     requireLiveTracks(ctx, a->ids);
-    report(ctx, ctx.db().tracks().setRating(a->ids, a->stars), "Set Rating", a->ids.size());
+    report(ctx, editor(ctx).setRating(a->ids, a->stars));
   });
 
   CLI::App* love = app.add_subcommand("love", "Mark tracks as loved (--off to take it back)");
@@ -119,18 +114,16 @@ void addEditCommands(CLI::App& app, Context& ctx) {
   love->add_option("ID", a->ids, "Track ids")->required();
   love->callback([&ctx, a] {
     requireLiveTracks(ctx, a->ids);
-    report(ctx, ctx.db().tracks().setLoved(a->ids, !a->off), a->off ? "Unlove" : "Love",
-           a->ids.size());
+    report(ctx, editor(ctx).setLoved(a->ids, !a->off));
   });
 
-  CLI::App* dislike =
-      app.add_subcommand("dislike", "Mark tracks as disliked (--off to take it back)");
+  CLI::App* dislike = app.add_subcommand(
+      "dislike", "Mark tracks as disliked, hiding them from every list (--off to take it back)");
   dislike->add_flag("--off", a->off, "Remove the mark");
   dislike->add_option("ID", a->ids, "Track ids")->required();
   dislike->callback([&ctx, a] {
     requireLiveTracks(ctx, a->ids);
-    report(ctx, ctx.db().tracks().setDisliked(a->ids, !a->off),
-           a->off ? "Clear Dislike" : "Dislike", a->ids.size());
+    report(ctx, editor(ctx).setDisliked(a->ids, !a->off));
   });
 
   CLI::App* rm = app.add_subcommand(
@@ -138,7 +131,7 @@ void addEditCommands(CLI::App& app, Context& ctx) {
   rm->add_option("ID", a->ids, "Track ids")->required();
   rm->callback([&ctx, a] {
     requireLiveTracks(ctx, a->ids);
-    report(ctx, ctx.db().tracks().softRemove(a->ids), "Remove from Library", a->ids.size());
+    report(ctx, editor(ctx).removeTracks(a->ids));
   });
 }
 

@@ -1,11 +1,16 @@
 // orvel ls, orvel show.
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <charconv>
 #include <cmath>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <unordered_map>
 
+#include "core/library/filter.h"
+#include "core/library/library_load.h"
+#include "core/store/log.h"
 #include "core/text/path_norm.h"
 #include "core/text/split.h"
 #include "core/text/visible.h"
@@ -22,41 +27,118 @@ struct ListOptions {
   std::string search;
   std::string playlist;
   std::string sort;
+  std::string category;
+  std::string content;
+  std::string scope;
+  std::string folder;
+  std::vector<std::string> genres, artists, albums;
+  bool albumArtists = false;
+  bool groupCompilations = false;
   int64_t limit = 0;
   bool json = false;
 };
 
-std::vector<TrackRow> listTracks(OrvelDB& db, const ListOptions& o) {
-  // The plain newest-first listing can stop at the limit inside the query.
-  const bool whole = !o.playlist.empty() || !o.search.empty() || !o.sort.empty();
-  std::vector<TrackRow> rows = db.tracks().loadAllTracks(
-      !whole && o.limit > 0 ? std::optional<int64_t>(o.limit) : std::nullopt);
+// "artist,-bpm": the columns, most significant first; '-' sorts descending.
+std::vector<library::SortColumn> parseSort(const std::string& columns) {
+  std::vector<library::SortColumn> out;
+  for (std::string_view piece : split(columns, ',')) {
+    std::string name(trim(piece));
+    if (name.empty()) continue;
+    bool ascending = true;
+    if (name[0] == '-' || name[0] == '+') {
+      ascending = name[0] == '+';
+      name.erase(0, 1);
+    }
+    const auto field = library::sortFieldNamed(name);
+    if (!field)
+      throw CliError(kBadUsage, fmt::format("cannot sort by '{}' (one of: {})", name,
+                                            library::sortFieldNames()));
+    out.push_back({*field, ascending});
+  }
+  return out;
+}
+
+library::Category categoryOption(const std::string& key) {
+  if (const auto c = library::categoryNamed(key)) return *c;
+  throw CliError(kBadUsage, fmt::format("no category '{}' (one of: {})", key,
+                                        fmt::join(library::kCategoryKeys, ", ")));
+}
+
+library::FilterQuery queryOf(OrvelDB& db, const ListOptions& o) {
+  library::FilterQuery q;
+  q.now = unixNow();
+  q.search = o.search;
+  q.sort = parseSort(o.sort);
+  if (!o.category.empty()) q.source = library::Source::of(categoryOption(o.category));
+  if (!o.folder.empty()) {
+    std::error_code ec;
+    q.source = library::Source::inFolder(
+        std::filesystem::absolute(o.folder, ec).lexically_normal().string());
+  }
   if (!o.playlist.empty()) {
     const int64_t id = resolvePlaylist(db, o.playlist);
     // A live smart playlist is evaluated now, as opening it in the window would.
-    const auto ids =
-        db.smart().refreshSmartPlaylist(id).value_or(db.playlists().orderedTrackIds(id));
-    std::unordered_map<int64_t, size_t> byId;
-    for (size_t i = 0; i < rows.size(); ++i) byId.emplace(rows[i].id, i);
-    std::vector<TrackRow> members;
-    for (int64_t member : ids)
-      if (auto it = byId.find(member); it != byId.end()) members.push_back(rows[it->second]);
-    rows = std::move(members);
+    q.source = library::Source::tracks(
+        db.smart().refreshSmartPlaylist(id).value_or(db.playlists().orderedTrackIds(id)));
   }
-  if (!o.search.empty()) {
-    // The same rule as the window's search field: the whole text, lower-cased,
-    // inside one of title, artist, album or genre.
-    const std::string needle = lowerUnicode(o.search);
-    std::erase_if(rows, [&](const TrackRow& r) {
-      for (const std::string_view f : {r.title(), r.artist(), r.album(), r.genre()})
-        if (lowerUnicode(f).find(needle) != std::string::npos) return false;
-      return true;
-    });
+  if (!o.content.empty()) {
+    const auto c = library::contentNamed(o.content);
+    if (!c)
+      throw CliError(kBadUsage, fmt::format("no content filter '{}' (one of: {})", o.content,
+                                            fmt::join(library::kContentNames, ", ")));
+    q.content = *c;
   }
-  sortTracks(rows, parseSort(o.sort));
-  if (o.limit > 0 && rows.size() > static_cast<size_t>(o.limit))
-    rows.resize(static_cast<size_t>(o.limit));
-  return rows;
+  if (!o.scope.empty()) {
+    const size_t eq = o.scope.find('=');
+    const std::string key = o.scope.substr(0, eq);
+    if (std::find(library::kScopeKeys.begin(), library::kScopeKeys.end(), key) ==
+        library::kScopeKeys.end())
+      throw CliError(kBadUsage, fmt::format("no scope '{}' (one of: {})", key,
+                                            fmt::join(library::kScopeKeys, ", ")));
+    q.scope = library::Scope{key, eq == std::string::npos ? "" : o.scope.substr(eq + 1)};
+  }
+  q.browser.useAlbumArtists = o.albumArtists;
+  q.browser.groupCompilations = o.groupCompilations;
+  q.selection = {o.genres, o.artists, o.albums};
+  q.browser.shown = !q.selection.empty();
+  return q;
+}
+
+struct Listing {
+  std::vector<TrackRow> rows;
+  library::ViewStats stats;
+};
+
+// The library, or with a search only the tracks it finds (read from four
+// columns of every row, then whole): the same filter over either gives the
+// same answer, the second in a fraction of the time.
+std::shared_ptr<const library::LibraryIndex> libraryFor(OrvelDB& db,
+                                                        const library::FilterQuery& q) {
+  library::LoadOptions load;
+  load.duplicates = q.source.kind == library::Source::Kind::category &&
+                    q.source.category == library::Category::duplicates;
+  if (library::searchNeedle(q.search).empty()) return library::loadIndex(db, load);
+  auto found = std::make_shared<TrackSnapshot>();
+  found->rows = db.tracks().loadTracks(library::idsFound(db, q.search));
+  std::sort(found->rows.begin(), found->rows.end(), [](const TrackRow& a, const TrackRow& b) {
+    return a.dateAdded != b.dateAdded ? a.dateAdded > b.dateAdded : a.id > b.id;
+  });
+  return library::LibraryIndex::build(found, library::loadSets(db, load));
+}
+
+Listing listTracks(OrvelDB& db, const ListOptions& o) {
+  const library::FilterQuery q = queryOf(db, o);
+  const auto index = libraryFor(db, q);
+  library::FilterResult r = library::runFilter(*index, q);
+  if (o.limit > 0 && r.rows.size() > static_cast<size_t>(o.limit))
+    r.rows.resize(static_cast<size_t>(o.limit));
+  Listing out;
+  out.stats = r.stats;
+  // Over only what a search found, the library's own size is asked for.
+  if (!library::searchNeedle(q.search).empty()) out.stats.libraryTotal = db.tracks().liveCount();
+  out.rows.reserve(r.rows.size());
+  for (uint32_t i : r.rows) out.rows.push_back(index->row(i));
+  return out;
 }
 
 json cuesOf(OrvelDB& db, int64_t id) {
@@ -176,22 +258,107 @@ void printTrackJson(std::ostream& out, const std::vector<TrackRow>& rows) {
 
 void addListCommands(CLI::App& app, Context& ctx) {
   auto opts = std::make_shared<ListOptions>();
-  CLI::App* ls = app.add_subcommand("ls", "List live tracks, newest first");
+  CLI::App* ls =
+      app.add_subcommand("ls",
+                         "List live tracks, newest first, as the library view shows them "
+                         "(disliked tracks only with --category disliked)");
   ls->add_option("--search", opts->search,
-                 "Only tracks whose title, artist, album or genre contains this text");
+                 "Only tracks whose title, artist, album or genre contains this text "
+                 "(any case; the whole text as typed, spaces included)");
   ls->add_option("--playlist", opts->playlist,
                  "Only the members of a playlist or crate (id or path), in order");
+  ls->add_option("--category", opts->category, "Only a sidebar category (see orvel categories)");
+  ls->add_option("--folder", opts->folder, "Only tracks whose file lies in this folder");
+  ls->add_option("--content", opts->content, "Only Music, Mixes, Sounds or Videos");
+  ls->add_option("--scope", opts->scope,
+                 "One condition KEY=VALUE: artist, title, album, year, genre, bpm (124 or "
+                 "120-130), key, isrc, lossless, artwork, missing (yes/no)");
+  ls->add_option("--genre", opts->genres, "Browser selection: only these genres (repeatable)");
+  ls->add_option("--artist", opts->artists, "Browser selection: only these artists (repeatable)");
+  ls->add_option("--album", opts->albums, "Browser selection: only these albums (repeatable)");
+  ls->add_flag("--album-artists", opts->albumArtists, "The artist selection means album artists");
+  ls->add_flag("--group-compilations", opts->groupCompilations,
+               "Compilations are the one artist \"Compilations\"");
   ls->add_option("--sort", opts->sort,
-                 "Sort by fields, most significant first; '-' sorts descending (e.g. artist,-bpm)");
+                 "Sort by fields, most significant first; '-' sorts descending (e.g. "
+                 "artist,-bpm)");
   ls->add_option("--limit", opts->limit, "At most N tracks")->check(CLI::NonNegativeNumber);
   ls->add_flag("--json", opts->json, "One JSON array of tracks on stdout");
   ls->callback([&ctx, opts] {
-    const auto rows = listTracks(ctx.db(), *opts);
+    const Listing listing = listTracks(ctx.db(), *opts);
     ctx.requireIntact();
-    if (opts->json)
-      printTrackJson(ctx.out, rows);
-    else
-      printTrackTable(ctx.out, rows);
+    if (opts->json) {
+      printTrackJson(ctx.out, listing.rows);
+    } else {
+      printTrackTable(ctx.out, listing.rows);
+      ctx.out << library::statusText(listing.stats) << "\n";
+    }
+  });
+
+  auto catJson = std::make_shared<bool>(false);
+  CLI::App* categories =
+      app.add_subcommand("categories", "Every sidebar category with the number of tracks in it");
+  categories->add_flag("--json", *catJson, "One JSON object: category key to count");
+  categories->callback([&ctx, catJson] {
+    library::LoadOptions load;
+    load.duplicates = true;
+    const auto index = library::loadIndex(ctx.db(), load);
+    const auto counts = library::categoryCounts(*index, unixNow());
+    ctx.requireIntact();
+    if (*catJson) {
+      json out = json::object();
+      for (size_t i = 0; i < counts.size(); ++i)
+        out[std::string(library::kCategoryKeys[i])] = counts[i];
+      ctx.out << jsonText(out) << "\n";
+      return;
+    }
+    Table table({{"CATEGORY", 16}, {"TRACKS", 8, true}});
+    for (size_t i = 0; i < counts.size(); ++i)
+      table.add({std::string(library::kCategoryKeys[i]), std::to_string(counts[i])});
+    table.print(ctx.out);
+  });
+
+  auto browseOpts = std::make_shared<ListOptions>();
+  auto column = std::make_shared<std::string>();
+  CLI::App* browse = app.add_subcommand(
+      "browse",
+      "One column of the column browser: the genres, artists or albums of the tracks "
+      "a listing would show");
+  browse->add_option("COLUMN", *column, "genres, artists or albums")
+      ->required()
+      ->check(CLI::IsMember({"genres", "artists", "albums"}));
+  browse->add_option("--search", browseOpts->search, "As for ls");
+  browse->add_option("--category", browseOpts->category, "As for ls");
+  browse->add_option("--content", browseOpts->content, "As for ls");
+  browse->add_option("--playlist", browseOpts->playlist, "As for ls");
+  browse->add_option("--genre", browseOpts->genres, "Browser selection (repeatable)");
+  browse->add_option("--artist", browseOpts->artists, "Browser selection (repeatable)");
+  browse->add_flag("--album-artists", browseOpts->albumArtists,
+                   "Album artists in the artist column");
+  browse->add_flag("--group-compilations", browseOpts->groupCompilations,
+                   "Compilations as the one entry \"Compilations\"");
+  browse->add_flag("--json", browseOpts->json, "One JSON array of texts");
+  browse->callback([&ctx, browseOpts, column] {
+    library::FilterQuery q = queryOf(ctx.db(), *browseOpts);
+    // A column lists what the columns before it leave (genres, then
+    // artists, then albums): its own selection and the later ones do not
+    // narrow it.
+    if (*column == "genres") q.selection = {};
+    if (*column == "artists") q.selection.artists.clear();
+    q.selection.albums.clear();
+    q.browser.shown = !q.selection.empty();
+    const auto index = library::loadIndex(ctx.db());
+    const library::FilterResult r = library::runFilter(*index, q);
+    ctx.requireIntact();
+    const library::BrowserColumns columns = library::browserColumns(*index, r.rows, q.browser);
+    const auto& values = *column == "genres"    ? columns.genres
+                         : *column == "artists" ? columns.artists
+                                                : columns.albums;
+    if (browseOpts->json) {
+      ctx.out << jsonText(json(values)) << "\n";
+      return;
+    }
+    for (const std::string& v : values) ctx.out << visible(v) << "\n";
   });
 
   auto id = std::make_shared<int64_t>(0);

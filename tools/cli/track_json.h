@@ -14,13 +14,4 @@ namespace orvel::cli {
 nlohmann::json toJson(const TrackRow& row);
 nlohmann::json toJson(const CueRow& cue);
 
-// A field of a TrackRow by its JSON name, for sorting; nullopt for an unknown name.
-struct SortKey {
-  std::string field;
-  bool ascending = true;
-};
-// "artist,-bpm" -> keys; throws CliError (bad usage) naming an unknown field.
-std::vector<SortKey> parseSort(const std::string& columns);
-void sortTracks(std::vector<TrackRow>& rows, const std::vector<SortKey>& keys);
-
 }  // namespace orvel::cli
