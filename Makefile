@@ -79,6 +79,7 @@ bench:
 	build/release/bench/orvel_analysis_bench
 	build/release/bench/orvel_key_bench
 	build/release/bench/orvel_defect_bench
+	build/release/bench/orvel_duplicates_bench
 
 # The fuzz targets are a clang-only CMake project of their own. `make fuzz`
 # runs each for FUZZ_SECONDS from the seeds fuzz/make_seeds.py writes; the

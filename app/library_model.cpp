@@ -116,16 +116,17 @@ void LibraryModel::load() {
         const auto start = std::chrono::steady_clock::now();
         OrvelDB db(path, OpenMode::readOnly);
         auto index = library::loadIndex(db);
-        klog(fmt::format("library loaded: {} tracks in {:.0f} ms", index->size(),
-                         std::chrono::duration<double, std::milli>(
-                             std::chrono::steady_clock::now() - start)
-                             .count()));
+        klog(fmt::format(
+            "library loaded: {} tracks in {:.0f} ms", index->size(),
+            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+                .count()));
         return index;
       },
       [this, generation, first](Index index) {
         --loadsInFlight_;
         if (generation != loadGeneration_) return;
         publishIndex(std::move(index), true);
+        findDuplicates();
         if (!first) return;
         // The automatic backup, at most once in 20 hours, off the main thread.
         ++loadsInFlight_;
@@ -142,15 +143,37 @@ void LibraryModel::load() {
       });
 }
 
-void LibraryModel::publishIndex(std::shared_ptr<const library::LibraryIndex> index,
-                                bool complete) {
+void LibraryModel::findDuplicates() {
+  if (!index_) return;
+  const uint64_t generation = loadGeneration_;
+  auto snapshot = index_->snapshot();
+  const std::string path = path_;
+  using Ids = std::unordered_set<int64_t>;
+  ++loadsInFlight_;
+  onWorker<Ids>(
+      this,
+      [path, snapshot] {
+        OrvelDB db(path, OpenMode::readOnly);
+        return library::duplicateIds(db, *snapshot);
+      },
+      [this, generation](Ids ids) {
+        --loadsInFlight_;
+        // A reload since brings its own search.
+        if (generation != loadGeneration_ || !index_) return;
+        index_ = index_->withDuplicates(std::move(ids));
+        recountCategories();
+        refilter();
+      });
+}
+
+void LibraryModel::publishIndex(std::shared_ptr<const library::LibraryIndex> index, bool complete) {
   index_ = std::move(index);
   if (complete) {
     loaded_ = true;
     loadStatus_.clear();
   } else {
-    loadStatus_ = QStringLiteral("Loading the library\u2026 the newest %1 tracks shown")
-                      .arg(index_->size());
+    loadStatus_ =
+        QStringLiteral("Loading the library\u2026 the newest %1 tracks shown").arg(index_->size());
   }
   recountCategories();
   smartCrates_ = db_->smart().smartPlaylists();
@@ -357,8 +380,8 @@ void LibraryModel::onChanges(const ChangeSet& changes) {
     if (!it->second.allRows && !it->second.ids.empty()) {
       std::string list;
       for (int64_t id : it->second.ids) list += (list.empty() ? "" : ",") + std::to_string(id);
-      for (int64_t t : db_->connection().ids("SELECT DISTINCT track_id FROM cues WHERE id IN (" +
-                                             list + ")"))
+      for (int64_t t :
+           db_->connection().ids("SELECT DISTINCT track_id FROM cues WHERE id IN (" + list + ")"))
         ids.push_back(t);
     }
     patchRows(ids);
@@ -377,6 +400,7 @@ void LibraryModel::onChanges(const ChangeSet& changes) {
   if (changes.touches("defects") || changes.touches("defect_status") ||
       changes.touches("release_fields"))
     refreshSets();
+  if (changes.touches("track_fingerprints")) findDuplicates();
 }
 
 void LibraryModel::patchRows(const std::vector<int64_t>& ids) {
@@ -402,7 +426,9 @@ void LibraryModel::patchRows(const std::vector<int64_t>& ids) {
 
 void LibraryModel::refreshSets() {
   if (!index_) return;
-  index_ = index_->withSets(library::loadSets(*db_));
+  library::LibrarySets sets = library::loadSets(*db_);
+  sets.duplicates = index_->sets().duplicates;
+  index_ = index_->withSets(std::move(sets));
   recountCategories();
   refilter();
 }

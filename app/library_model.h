@@ -19,8 +19,8 @@
 
 #include <QObject>
 #include <QString>
-#include <atomic>
 #include <array>
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
@@ -28,6 +28,7 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "core/library/filter.h"
@@ -197,6 +198,8 @@ class LibraryModel : public QObject {
   void onChanges(const ChangeSet& changes);
   void patchRows(const std::vector<int64_t>& ids);
   void refreshSets();
+  // Looks for tracks holding the same recording on a worker, then marks them.
+  void findDuplicates();
   void refreshSource();
   void recountCategories();
   library::EditResult report(library::EditResult result);

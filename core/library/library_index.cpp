@@ -160,40 +160,69 @@ SortValue numberValue(std::optional<double> v) {
 // sort together; a key no notation knows sorts after them by its text.
 SortValue keyValue(std::string_view key) {
   if (trim(key).empty()) return std::monostate{};
-  if (const auto c = KeyColor::camelot(key)) return static_cast<double>(c->number * 2 + (c->minor ? 0 : 1));
+  if (const auto c = KeyColor::camelot(key))
+    return static_cast<double>(c->number * 2 + (c->minor ? 0 : 1));
   return "~" + orderKey(key);
 }
 
 SortValue valueOf(const TrackRow& r, SortField field) {
   switch (field) {
-    case SortField::title: return textValue(sortKey(r.title()));
-    case SortField::artist: return textValue(r.artist());
-    case SortField::album: return textValue(r.album());
-    case SortField::genre: return textValue(r.genre());
-    case SortField::bpm: return numberValue(r.bpm);
-    case SortField::key: return keyValue(r.key());
-    case SortField::duration: return numberValue(number(r.durationMs));
-    case SortField::rating: return numberValue(number(r.rating));
-    case SortField::loved: return r.loved ? SortValue(1.0) : std::monostate{};
-    case SortField::dateAdded: return numberValue(number(r.dateAdded));
-    case SortField::dateCreated: return numberValue(number(r.dateCreated));
-    case SortField::size: return r.sizeBytes > 0 ? SortValue(double(r.sizeBytes)) : std::monostate{};
-    case SortField::cues: return r.cueCount > 0 ? SortValue(double(r.cueCount)) : std::monostate{};
-    case SortField::year: return textValue(r.year());
-    case SortField::comment: return textValue(r.comment());
-    case SortField::grouping: return textValue(r.grouping());
-    case SortField::label: return textValue(r.label());
-    case SortField::plays: return numberValue(number(r.playCount));
-    case SortField::bitrate: return numberValue(number(r.bitrateKbps));
-    case SortField::sampleRate: return numberValue(number(r.sampleRate));
-    case SortField::trackNumber: return numberValue(number(r.trackNumber));
-    case SortField::discNumber: return numberValue(number(r.discNumber));
-    case SortField::albumArtist: return textValue(r.albumArtist());
-    case SortField::composer: return textValue(r.composer());
-    case SortField::lastPlayed: return numberValue(number(r.lastPlayed));
-    case SortField::fileName: return textValue(lastPathComponent(r.path()));
-    case SortField::kind: return textValue(extensionOf(r.path()));
-    case SortField::id: return static_cast<double>(r.id);
+    case SortField::title:
+      return textValue(sortKey(r.title()));
+    case SortField::artist:
+      return textValue(r.artist());
+    case SortField::album:
+      return textValue(r.album());
+    case SortField::genre:
+      return textValue(r.genre());
+    case SortField::bpm:
+      return numberValue(r.bpm);
+    case SortField::key:
+      return keyValue(r.key());
+    case SortField::duration:
+      return numberValue(number(r.durationMs));
+    case SortField::rating:
+      return numberValue(number(r.rating));
+    case SortField::loved:
+      return r.loved ? SortValue(1.0) : std::monostate{};
+    case SortField::dateAdded:
+      return numberValue(number(r.dateAdded));
+    case SortField::dateCreated:
+      return numberValue(number(r.dateCreated));
+    case SortField::size:
+      return r.sizeBytes > 0 ? SortValue(double(r.sizeBytes)) : std::monostate{};
+    case SortField::cues:
+      return r.cueCount > 0 ? SortValue(double(r.cueCount)) : std::monostate{};
+    case SortField::year:
+      return textValue(r.year());
+    case SortField::comment:
+      return textValue(r.comment());
+    case SortField::grouping:
+      return textValue(r.grouping());
+    case SortField::label:
+      return textValue(r.label());
+    case SortField::plays:
+      return numberValue(number(r.playCount));
+    case SortField::bitrate:
+      return numberValue(number(r.bitrateKbps));
+    case SortField::sampleRate:
+      return numberValue(number(r.sampleRate));
+    case SortField::trackNumber:
+      return numberValue(number(r.trackNumber));
+    case SortField::discNumber:
+      return numberValue(number(r.discNumber));
+    case SortField::albumArtist:
+      return textValue(r.albumArtist());
+    case SortField::composer:
+      return textValue(r.composer());
+    case SortField::lastPlayed:
+      return numberValue(number(r.lastPlayed));
+    case SortField::fileName:
+      return textValue(lastPathComponent(r.path()));
+    case SortField::kind:
+      return textValue(extensionOf(r.path()));
+    case SortField::id:
+      return static_cast<double>(r.id);
   }
   return std::monostate{};
 }
@@ -215,7 +244,7 @@ const LibraryIndex::Ranks& LibraryIndex::ranks(SortField field) const {
   if (table) {
     for (uint32_t i = 0; i < n; ++i) {
       const Row& r = (*rows_)[i];
-      const uint32_t id = field == SortField::artist ? r.artist
+      const uint32_t id = field == SortField::artist  ? r.artist
                           : field == SortField::album ? r.album
                                                       : r.genre;
       out->rank[i] = table->order(id);
@@ -306,14 +335,42 @@ std::shared_ptr<const LibraryIndex> LibraryIndex::patched(std::span<const TrackR
     const auto field = static_cast<SortField>(f);
     const bool browserColumn =
         field == SortField::artist || field == SortField::album || field == SortField::genre;
-    bool same = !(browserColumn && (next->names_ != names_ || next->albums_ != albums_ ||
-                                    next->genres_ != genres_));
+    bool same = !(browserColumn &&
+                  (next->names_ != names_ || next->albums_ != albums_ || next->genres_ != genres_));
     for (uint32_t i : touched) {
       if (!same) break;
       same = valueOf(row(i), field) == valueOf(next->row(i), field);
     }
     if (same) next->ranks_[f] = ranks_[f];
   }
+  return next;
+}
+
+std::shared_ptr<const LibraryIndex> LibraryIndex::withDuplicates(
+    std::unordered_set<int64_t> ids) const {
+  LibrarySets sets = *sets_;
+  sets.duplicates = std::move(ids);
+  auto next = std::make_shared<LibraryIndex>();
+  next->snapshot_ = snapshot_;
+  next->patches_ = patches_;
+  next->searchArena_ = searchArena_;
+  next->patchArena_ = patchArena_;
+  next->genres_ = genres_;
+  next->names_ = names_;
+  next->albums_ = albums_;
+  next->byId_ = byId_;
+  auto rows = std::make_shared<std::vector<Row>>(*rows_);
+  for (uint32_t i = 0; i < rows->size(); ++i) {
+    Row& r = (*rows)[i];
+    const bool dupe = sets.duplicates.count(row(i).id) > 0;
+    r.flags = static_cast<uint8_t>(dupe ? r.flags | kDuplicate : r.flags & ~kDuplicate);
+    r.categories =
+        dupe ? r.categories | bit(Category::duplicates) : r.categories & ~bit(Category::duplicates);
+  }
+  next->rows_ = std::move(rows);
+  next->sets_ = std::make_shared<LibrarySets>(std::move(sets));
+  std::lock_guard lock(ranksLock_);
+  next->ranks_ = ranks_;
   return next;
 }
 

@@ -30,8 +30,8 @@ namespace orvel::library {
 
 // What the library keeps about tracks beside their records.
 struct LibrarySets {
-  std::unordered_set<int64_t> duplicates;   // found to hold the same recording as another
-  std::unordered_set<int64_t> damaged;      // with defects the user has not dismissed
+  std::unordered_set<int64_t> duplicates;  // found to hold the same recording as another
+  std::unordered_set<int64_t> damaged;     // with defects the user has not dismissed
   std::unordered_set<int64_t> withIsrc;
   std::unordered_set<int64_t> withArtwork;
 };
@@ -72,9 +72,9 @@ class LibraryIndex {
   struct Row {
     uint32_t categories = 0;  // categoryMask, plus damaged and duplicates
     uint32_t genre = 0, artist = 0, albumArtist = 0, album = 0;  // NameTable ids
-    uint32_t searchAt = 0;   // where the row's search text starts in its arena
+    uint32_t searchAt = 0;  // where the row's search text starts in its arena
     uint32_t searchSize = 0;
-    int32_t patch = -1;      // the row's replacement in the patch list, or -1
+    int32_t patch = -1;  // the row's replacement in the patch list, or -1
     Content content = Content::music;
     uint8_t flags = 0;
   };
@@ -93,6 +93,8 @@ class LibraryIndex {
                                               std::span<const int64_t> hide = {}) const;
   // The same rows with other sets (after a scan or a duplicate search).
   std::shared_ptr<const LibraryIndex> withSets(LibrarySets sets) const;
+  // Only the duplicates changed: the rows' other facts stand.
+  std::shared_ptr<const LibraryIndex> withDuplicates(std::unordered_set<int64_t> ids) const;
 
   size_t size() const { return rows_->size(); }
   const TrackRow& row(uint32_t i) const {

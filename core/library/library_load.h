@@ -6,6 +6,8 @@
 #pragma once
 
 #include <memory>
+#include <unordered_set>
+#include <vector>
 
 #include "core/library/library_index.h"
 #include "core/store/orvel_db.h"
@@ -16,8 +18,14 @@ struct LoadOptions {
   bool duplicates = false;
 };
 
-LibrarySets loadSets(const OrvelDB& db, const LoadOptions& options = {});
+// The sets beside the rows, but the duplicates (which need the rows).
+LibrarySets loadSets(const OrvelDB& db);
 std::shared_ptr<const LibraryIndex> loadIndex(OrvelDB& db, const LoadOptions& options = {});
+
+// The groups of tracks that hold the same recording (see duplicates.h),
+// over the rows given and the fingerprints the store keeps.
+std::vector<std::vector<int64_t>> duplicateGroups(const OrvelDB& db, const TrackSnapshot& rows);
+std::unordered_set<int64_t> duplicateIds(const OrvelDB& db, const TrackSnapshot& rows);
 
 // The live tracks a search finds, by the same rule as the library view,
 // read straight from the store without loading whole rows: a quick answer

@@ -29,6 +29,16 @@ Status AnalysisStore::setRawFingerprint(int64_t trackId, const std::vector<uint8
   return Status::ok();
 }
 
+std::vector<std::pair<int64_t, std::vector<uint8_t>>> AnalysisStore::rawFingerprints() const {
+  std::vector<std::pair<int64_t, std::vector<uint8_t>>> out;
+  Statement st = conn_.prepare(
+      "SELECT f.track_id, f.fp_raw FROM track_fingerprints f JOIN tracks t ON t.id = f.track_id "
+      "WHERE " +
+      std::string(kLiveTrackT) + " AND length(f.fp_raw) > 0 ORDER BY f.track_id");
+  while (st.step()) out.emplace_back(st.int64(0), st.blob(1));
+  return out;
+}
+
 std::optional<std::vector<uint8_t>> AnalysisStore::waveform(int64_t trackId) const {
   Statement st = conn_.prepare("SELECT peaks FROM waveforms WHERE track_id=?");
   st.bind(1, trackId);

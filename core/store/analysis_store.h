@@ -26,6 +26,9 @@ class AnalysisStore : public StoreArea {
   Status setAnalysis(int64_t id, const std::optional<std::string>& key, std::optional<double> bpm);
 
   Status setRawFingerprint(int64_t trackId, const std::vector<uint8_t>& bytes);
+  // Every live track's raw fingerprint (as analysis stored it), by ascending
+  // track id; tracks without one are left out, missing files are not.
+  std::vector<std::pair<int64_t, std::vector<uint8_t>>> rawFingerprints() const;
 
   // The stored overview waveform (3,200 bytes), none when never computed.
   std::optional<std::vector<uint8_t>> waveform(int64_t trackId) const;

@@ -82,6 +82,28 @@ TEST_F(AnalysisTest, AFailedScanWriteLeavesTheEarlierFindings) {
   EXPECT_EQ(scanColumn(a, "found"), 1);
 }
 
+TEST_F(AnalysisTest, RawFingerprintsAreReadForEveryLiveTrackThatHasOne) {
+  const int64_t a = add("/m/a.mp3");
+  const int64_t b = add("/m/b.mp3");
+  const int64_t removed = add("/m/removed.mp3");
+  const int64_t merged = add("/m/merged.mp3");
+  const int64_t missing = add("/m/missing.mp3");
+  const int64_t blank = add("/m/blank.mp3");
+  add("/m/never.mp3");
+  EXPECT_THAT(db().analysis().rawFingerprints(), IsEmpty());
+  const std::vector<uint8_t> first = {1, 2, 3, 4}, second = {9, 8, 7, 6, 5, 4, 3, 2};
+  for (int64_t id : {b, a, removed, merged, missing})
+    ASSERT_TRUE(db().analysis().setRawFingerprint(id, first));
+  // A second analysis replaces the print; an empty one is no print.
+  ASSERT_TRUE(db().analysis().setRawFingerprint(b, second));
+  ASSERT_TRUE(db().analysis().setRawFingerprint(blank, {}));
+  ASSERT_TRUE(db().tracks().softRemove(std::vector<int64_t>{removed}));
+  ASSERT_TRUE(db().tracks().mergeTrack(merged, a));
+  ASSERT_TRUE(db().tracks().markMissing(missing));
+  EXPECT_THAT(reopen().analysis().rawFingerprints(),
+              ElementsAre(Pair(a, first), Pair(b, second), Pair(missing, first)));
+}
+
 TEST_F(AnalysisTest, TheLatestVerdictPerTrackIsKept) {
   const int64_t a = add("/m/a.mp3");
   const int64_t b = add("/m/b.mp3");

@@ -205,14 +205,18 @@ void writeAudioFile(const fs::path& path, AudioFormat format, const AudioTags& t
     throw std::runtime_error("cannot write test tags into " + path.string());
 }
 
-void writeAudioFileFrom(const fs::path& wav, const fs::path& path, AudioFormat format,
-                        const AudioTags& tags) {
+void encodeAudioFile(const fs::path& wav, const fs::path& path, std::string_view ffmpegOptions) {
   if (path.has_parent_path()) fs::create_directories(path.parent_path());
   const std::string cmd = "ffmpeg -nostdin -hide_banner -loglevel error -y -i '" + wav.string() +
-                          "' -map_metadata -1 -fflags +bitexact " +
-                          std::string(encodingFor(format).args) + " '" + path.string() + "'";
+                          "' -map_metadata -1 -fflags +bitexact " + std::string(ffmpegOptions) +
+                          " '" + path.string() + "'";
   if (std::system(cmd.c_str()) != 0 || !fs::exists(path))
     throw std::runtime_error("cannot encode test audio with the ffmpeg program: " + cmd);
+}
+
+void writeAudioFileFrom(const fs::path& wav, const fs::path& path, AudioFormat format,
+                        const AudioTags& tags) {
+  encodeAudioFile(wav, path, encodingFor(format).args);
   if (hasTags(tags) && !writeTags(path, format, tags))
     throw std::runtime_error("cannot write test tags into " + path.string());
 }

@@ -31,6 +31,12 @@ void writeAudioFile(const std::filesystem::path& path, AudioFormat format,
 void writeAudioFileFrom(const std::filesystem::path& wav, const std::filesystem::path& path,
                         AudioFormat format, const AudioTags& tags = {});
 
+// The audio of a WAV file encoded with the given `ffmpeg` output options
+// ("-c:a libmp3lame -b:a 320k"), untagged: for the encodings the formats
+// above do not cover. Throws std::runtime_error when the encoder fails.
+void encodeAudioFile(const std::filesystem::path& wav, const std::filesystem::path& path,
+                     std::string_view ffmpegOptions);
+
 // The untagged encoded tone, as bytes (for tests that build tags by hand).
 std::string audioBody(AudioFormat format);
 

@@ -112,23 +112,30 @@ struct Listing {
 // The library, or with a search only the tracks it finds (read from four
 // columns of every row, then whole): the same filter over either gives the
 // same answer, the second in a fraction of the time.
-std::shared_ptr<const library::LibraryIndex> libraryFor(OrvelDB& db,
-                                                        const library::FilterQuery& q) {
+struct Loaded {
+  std::shared_ptr<const library::LibraryIndex> index;
+  bool onlyFound = false;  // only the tracks a search found
+};
+
+Loaded libraryFor(OrvelDB& db, const library::FilterQuery& q) {
   library::LoadOptions load;
   load.duplicates = q.source.kind == library::Source::Kind::category &&
                     q.source.category == library::Category::duplicates;
-  if (library::searchNeedle(q.search).empty()) return library::loadIndex(db, load);
+  // The duplicates are found over the whole library, so they read it all.
+  if (library::searchNeedle(q.search).empty() || load.duplicates)
+    return {library::loadIndex(db, load), false};
   auto found = std::make_shared<TrackSnapshot>();
   found->rows = db.tracks().loadTracks(library::idsFound(db, q.search));
   std::sort(found->rows.begin(), found->rows.end(), [](const TrackRow& a, const TrackRow& b) {
     return a.dateAdded != b.dateAdded ? a.dateAdded > b.dateAdded : a.id > b.id;
   });
-  return library::LibraryIndex::build(found, library::loadSets(db, load));
+  return {library::LibraryIndex::build(found, library::loadSets(db)), true};
 }
 
 Listing listTracks(OrvelDB& db, const ListOptions& o) {
   const library::FilterQuery q = queryOf(db, o);
-  const auto index = libraryFor(db, q);
+  const Loaded loaded = libraryFor(db, q);
+  const auto& index = loaded.index;
   library::FilterResult r = library::runFilter(*index, q);
   if (o.limit > 0 && r.rows.size() > static_cast<size_t>(o.limit))
     r.rows.resize(static_cast<size_t>(o.limit));
@@ -359,6 +366,45 @@ void addListCommands(CLI::App& app, Context& ctx) {
       return;
     }
     for (const std::string& v : values) ctx.out << visible(v) << "\n";
+  });
+
+  auto dupJson = std::make_shared<bool>(false);
+  CLI::App* duplicates = app.add_subcommand(
+      "duplicates",
+      "Tracks that hold the same recording: the same fingerprint (the audio, whatever the "
+      "format or bit rate), else the same artist, title and duration");
+  duplicates->add_flag("--json", *dupJson, "One JSON array of groups, each an array of tracks");
+  duplicates->callback([&ctx, dupJson] {
+    OrvelDB& db = ctx.db();
+    const auto snapshot = db.tracks().loadSnapshot();
+    const auto groups = library::duplicateGroups(db, *snapshot);
+    ctx.requireIntact();
+    std::unordered_map<int64_t, const TrackRow*> rows;
+    for (const TrackRow& r : snapshot->rows) rows.emplace(r.id, &r);
+    if (*dupJson) {
+      json out = json::array();
+      for (const auto& group : groups) {
+        json g = json::array();
+        for (int64_t id : group) g.push_back(toJson(*rows.at(id)));
+        out.push_back(std::move(g));
+      }
+      ctx.out << jsonText(out) << "\n";
+      return;
+    }
+    if (groups.empty()) {
+      ctx.out << "No duplicates among " << countOf(snapshot->rows.size(), "track") << "\n";
+      return;
+    }
+    size_t tracks = 0;
+    for (const auto& group : groups) {
+      std::vector<TrackRow> members;
+      for (int64_t id : group) members.push_back(*rows.at(id));
+      printTrackTable(ctx.out, members);
+      ctx.out << "\n";
+      tracks += group.size();
+    }
+    ctx.out << fmt::format("{} holding the same recording, in {}\n", countOf(tracks, "track"),
+                           countOf(groups.size(), "group"));
   });
 
   auto id = std::make_shared<int64_t>(0);

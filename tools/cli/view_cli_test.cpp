@@ -73,6 +73,22 @@ TEST_F(ViewCliTest, CategoriesAndBrowserColumns) {
   EXPECT_EQ(orvel({"browse", "colours"}).code, 2);
 }
 
+// Without fingerprints a copy is the same artist, title and duration.
+TEST_F(ViewCliTest, DuplicatesAreGroupedAndListedAsACategory) {
+  EXPECT_THAT(orvel({"duplicates"}).out, HasSubstr("No duplicates among 3 tracks"));
+  const int64_t copy = add("/other/XTC (copy).mp3", "XTC", 50);
+  db().execChecked(fmt::format(
+      "UPDATE tracks SET artist = 'DJ Koze', duration_ms = 3600500 WHERE id = {}", copy));
+  db_.reset();
+  const json groups = orvelJson({"duplicates"});
+  ASSERT_EQ(groups.size(), 1u);
+  EXPECT_THAT(ids(groups[0]), ElementsAre(c_, copy));
+  EXPECT_THAT(ids(orvelJson({"ls", "--category", "duplicates"})), ElementsAre(c_, copy));
+  EXPECT_EQ(orvelJson({"categories"})["duplicates"], 2);
+  EXPECT_THAT(orvel({"duplicates"}).out,
+              HasSubstr("2 tracks holding the same recording, in 1 group"));
+}
+
 TEST_F(ViewCliTest, EditsOfManyTracksAskFirst) {
   std::vector<std::string> args{"rate", "3"};
   for (int i = 0; i < 35; ++i)

@@ -106,9 +106,12 @@ std::vector<float> music(const MusicPiece& piece) {
       int third;
       int fifth;
     };
-    const Chord majorProg[] = {{0, 4, 7}, {5, 4, 7}, {7, 4, 7}, {0, 4, 7}};
-    const Chord minorProg[] = {{0, 3, 7}, {5, 3, 7}, {7, 4, 7}, {0, 3, 7}};
-    const Chord* prog = piece.minor ? minorProg : majorProg;
+    constexpr Chord I{0, 4, 7}, IV{5, 4, 7}, V{7, 4, 7}, vi{9, 3, 7};
+    constexpr Chord i{0, 3, 7}, iv{5, 3, 7}, VI{8, 4, 7}, VII{10, 4, 7};
+    const Chord majorProgs[4][4] = {{I, IV, V, I}, {I, vi, IV, V}, {I, V, vi, IV}, {vi, IV, I, V}};
+    const Chord minorProgs[4][4] = {{i, iv, V, i}, {i, VI, iv, V}, {i, VII, VI, V}, {VI, iv, i, V}};
+    const int which = ((piece.progression % 4) + 4) % 4;
+    const Chord* prog = piece.minor ? minorProgs[which] : majorProgs[which];
     const size_t bar = beatLen * 4;
     const int base = 60 + piece.tonic;  // around middle C
     for (size_t start = 0, n = 0; start < out.size(); start += bar, ++n) {
@@ -118,6 +121,30 @@ std::vector<float> music(const MusicPiece& piece) {
         addTone(out, start, bar, midiHz(base + c.root + interval - (c.root > 6 ? 12 : 0)), amp,
                 rate, 0.4);
       addTone(out, start, bar, midiHz(base - 24 + c.root), 0.12, rate, 0.8);
+    }
+  }
+
+  if (piece.melody) {
+    // Its own generator, so a piece with a melody keeps the drums and chords
+    // of the same piece without one.
+    Noise dice{piece.seed * 40503u + 17};
+    const int majorScale[] = {0, 2, 4, 5, 7, 9, 11};
+    const int minorScale[] = {0, 2, 3, 5, 7, 8, 11};
+    const int* scale = piece.minor ? minorScale : majorScale;
+    const int base = 72 + piece.tonic;
+    int degree = 0;
+    for (size_t b = 0; b < beats; ++b) {
+      const float roll = std::abs(dice.next());
+      if (roll < 0.2f) continue;  // a rest
+      const int notes = roll < 0.6f ? 1 : 2;
+      for (int k = 0; k < notes; ++k) {
+        // Mostly steps, sometimes a leap, kept within an octave and a half.
+        degree = std::clamp(degree + int(dice.next() * 4.0f), -3, 9);
+        const int octave = degree < 0 ? -1 : degree / 7;
+        const int note = base + 12 * octave + scale[((degree % 7) + 7) % 7];
+        const size_t at = size_t((double(b) + k * 0.5) * beat * rate);
+        addTone(out, at, beatLen / size_t(notes), midiHz(note), 0.08, rate, 2.0);
+      }
     }
   }
 

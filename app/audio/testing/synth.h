@@ -24,11 +24,20 @@ struct MusicPiece {
   uint32_t seed = 1;  // varies voicing, velocities and the noise
   bool drums = true;
   bool chords = true;
+  // Which four-bar progression the chords follow: 0 is the cadence that
+  // states the key; 1, 2 and 3 are other common ones in the same key (see
+  // music()). Different progressions make different songs over the same
+  // tempo and key.
+  int progression = 0;
+  // A lead line over the chords whose notes and rhythm the seed chooses;
+  // off by default, so the pieces other code relies on stay as they were.
+  bool melody = false;
 };
 // Four-to-the-floor drums (kick on every beat, snare on 2 and 4, hats on the
-// off-beats) over a cadence that states the key: I–IV–V–I in major,
-// i–iv–V–i (with the raised leading note) in minor, a chord per bar, with
-// bass. Peaks stay below 0.9.
+// off-beats) over chords with bass, a chord per bar. Progression 0 is the
+// cadence that states the key: I–IV–V–I in major, i–iv–V–i (with the raised
+// leading note) in minor. 1: I–vi–IV–V / i–VI–iv–V; 2: I–V–vi–IV / i–VII–VI–V;
+// 3: vi–IV–I–V / VI–iv–i–V. Peaks stay below 0.9.
 std::vector<float> music(const MusicPiece& piece);
 
 // The key's name as the catalogue writes it: "C", "F#", "Bbm"…
