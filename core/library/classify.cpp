@@ -9,59 +9,158 @@
 namespace orvel::library {
 namespace {
 
-// A field as the rules see it: lower-cased (ASCII letters), and split once
-// into its words, runs of ASCII letters and digits. Kept on the stack for the
-// short texts fields are (a library's worth of rows is classified at every
-// load), on the heap for the rest; words past the 48th are not looked at.
-class Words {
- public:
-  explicit Words(std::string_view text) {
-    char* out = text.size() <= sizeof(small_) ? small_ : (big_.resize(text.size()), big_.data());
-    for (size_t i = 0; i < text.size(); ++i) {
-      const char c = text[i];
-      out[i] = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-    }
-    text_ = {out, text.size()};
-    size_t i = 0;
-    while (i < text_.size() && count_ < words_.size()) {
-      while (i < text_.size() && !wordChar(text_[i])) ++i;
-      const size_t start = i;
-      while (i < text_.size() && wordChar(text_[i])) ++i;
-      if (i == start) break;
-      words_[count_++] = text_.substr(start, i - start);
-    }
-  }
-  Words(const Words&) = delete;
-  Words& operator=(const Words&) = delete;
-
-  std::string_view lowered() const { return text_; }
-  bool contains(std::string_view part) const { return text_.find(part) != std::string_view::npos; }
-  bool has(std::string_view word) const { return count(word) > 0; }
-  // `a` with `b` as the very next word.
-  bool hasPair(std::string_view a, std::string_view b) const {
-    for (size_t i = 1; i < count_; ++i)
-      if (words_[i - 1] == a && words_[i] == b) return true;
-    return false;
-  }
-  size_t count(std::string_view word) const {
-    size_t n = 0;
-    for (size_t i = 0; i < count_; ++i) n += words_[i] == word ? 1 : 0;
-    return n;
-  }
-  bool only(std::string_view word) const { return count_ == 1 && words_[0] == word; }
-
- private:
-  static bool wordChar(char c) { return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9'); }
-
-  char small_[160];
-  std::string big_;
-  std::string_view text_;
-  std::array<std::string_view, 48> words_{};
-  size_t count_ = 0;
+// What the words of one field say, as bits: each field is read once, word
+// by word, and every rule then asks the bits (a library's worth of rows is
+// classified at every load).
+enum Says : uint32_t {
+  kAcapella = 1u << 0,
+  kInstrumental = 1u << 1,
+  kRemix = 1u << 2,      // remix, rework, bootleg, mashup, refix, flip, vip, re-edit, dub mix
+  kEdit = 1u << 3,       // "edit" not after "radio" or "re"
+  kRadioEdit = 1u << 4,  // "radio edit"
+  kStem = 1u << 5,
+  kUnreleased = 1u << 6,
+  kFx = 1u << 7,        // sfx, fx, foley, sound effect(s)
+  kMix = 1u << 8,       // dj mix, mixtape, mix set, live set, podcast, radio show
+  kOnlyLive = 1u << 9,  // the one word of the field is "live"
 };
 
+uint32_t wordSays(std::string_view w) {
+  switch (w.size()) {
+    case 2:
+      if (w == "fx") return kFx;
+      break;
+    case 3:
+      if (w == "sfx") return kFx;
+      if (w == "vip") return kRemix;
+      if (w == "wip") return kUnreleased;
+      break;
+    case 4:
+      if (w == "stem") return kStem;
+      if (w == "flip") return kRemix;
+      break;
+    case 5:
+      if (w == "remix" || w == "refix") return kRemix;
+      if (w == "stems") return kStem;
+      if (w == "foley") return kFx;
+      break;
+    case 6:
+      if (w == "rework" || w == "mashup") return kRemix;
+      break;
+    case 7:
+      if (w == "bootleg") return kRemix;
+      if (w == "mixtape" || w == "podcast") return kMix;
+      break;
+    case 8:
+      if (w == "acapella" || w == "dubplate") return w[0] == 'a' ? kAcapella : kUnreleased;
+      break;
+    case 9:
+      if (w == "acappella" || w == "accapella") return kAcapella;
+      break;
+    case 10:
+      if (w == "unreleased") return kUnreleased;
+      break;
+    case 11:
+      if (w == "forthcoming") return kUnreleased;
+      break;
+    case 12:
+      if (w == "instrumental") return kInstrumental;
+      break;
+    default:
+      break;
+  }
+  return 0;
+}
+
+uint32_t pairSays(std::string_view before, std::string_view w) {
+  uint32_t says = 0;
+  if (w == "mix") says = before == "dj" ? kMix : before == "dub" ? kRemix : 0u;
+  if (w == "set" && (before == "mix" || before == "live")) says = kMix;
+  if (w == "show" && before == "radio") says = kMix;
+  if ((w == "capella" || w == "cappella") && before == "a") says = kAcapella;
+  if ((w == "effect" || w == "effects") && before == "sound") says = kFx;
+  if (w == "edit") says = before == "radio" ? kRadioEdit : before == "re" ? kRemix : kEdit;
+  return says;
+}
+
+// A short text lower-cased (ASCII letters) on the stack, for the phrase
+// tests the word bits cannot make.
+class Lowered {
+ public:
+  explicit Lowered(std::string_view text) {
+    const size_t n = std::min(text.size(), sizeof(buffer_));
+    for (size_t i = 0; i < n; ++i) {
+      const char c = text[i];
+      buffer_[i] = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    }
+    text_ = {buffer_, n};
+  }
+  Lowered(const Lowered&) = delete;
+  Lowered& operator=(const Lowered&) = delete;
+  bool contains(std::string_view part) const { return text_.find(part) != std::string_view::npos; }
+  bool endsWith(std::string_view suffix) const { return trim(text_).ends_with(suffix); }
+
+ private:
+  char buffer_[256];
+  std::string_view text_;
+};
+
+// A field's words: runs of ASCII letters and digits, lower-cased.
+uint32_t fieldSays(std::string_view text) {
+  uint32_t says = 0;
+  char word[32];
+  char before[32];
+  size_t beforeSize = 0, words = 0;
+  size_t i = 0;
+  while (i < text.size()) {
+    auto wordChar = [](char c) {
+      return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+    };
+    while (i < text.size() && !wordChar(text[i])) ++i;
+    size_t n = 0;
+    bool tooLong = false;
+    while (i < text.size() && wordChar(text[i])) {
+      const char c = text[i++];
+      if (n < sizeof(word))
+        word[n++] = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+      else
+        tooLong = true;
+    }
+    if (n == 0) break;
+    ++words;
+    const std::string_view w(word, tooLong ? 0 : n);
+    says |= wordSays(w) | pairSays(std::string_view(before, beforeSize), w);
+    std::copy(word, word + n, before);
+    beforeSize = tooLong ? 0 : n;
+  }
+  if (words == 1 && std::string_view(before, beforeSize) == "live") says |= kOnlyLive;
+  return says;
+}
+
+// Whether `text` holds `part` (lower-case ASCII), ignoring the case of
+// ASCII letters: for paths, which are long and looked at once.
+bool containsFolded(std::string_view text, std::string_view part) {
+  if (part.size() > text.size()) return false;
+  for (size_t i = 0; i + part.size() <= text.size(); ++i) {
+    size_t k = 0;
+    while (k < part.size()) {
+      char c = text[i + k];
+      if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+      if (c != part[k]) break;
+      ++k;
+    }
+    if (k == part.size()) return true;
+  }
+  return false;
+}
+
+bool endsWithFolded(std::string_view text, std::string_view suffix) {
+  return text.size() >= suffix.size() &&
+         containsFolded(text.substr(text.size() - suffix.size()), suffix);
+}
+
 bool isVideoExtension(std::string_view ext) {
-  static constexpr std::array<std::string_view, 10> kVideo{"mp4", "m4v", "mov", "mkv", "webm",
+  static constexpr std::array<std::string_view, 10> kVideo{"mp4", "m4v", "mov",  "mkv", "webm",
                                                            "avi", "mpg", "mpeg", "wmv", "flv"};
   return std::find(kVideo.begin(), kVideo.end(), ext) != kVideo.end();
 }
@@ -75,8 +174,7 @@ std::string_view contentName(Content content) {
 std::optional<Content> contentNamed(std::string_view name) {
   for (size_t i = 0; i < kContentNames.size(); ++i) {
     const std::string_view n = kContentNames[i];
-    if (n.size() == name.size() &&
-        std::equal(n.begin(), n.end(), name.begin(), [](char a, char b) {
+    if (n.size() == name.size() && std::equal(n.begin(), n.end(), name.begin(), [](char a, char b) {
           return (a | 0x20) == (b | 0x20);
         }))
       return static_cast<Content>(i);
@@ -105,56 +203,34 @@ TrackFacts factsOf(const TrackRow& row, bool hasIsrc) {
   TrackFacts f;
   const std::string_view path = row.path();
   const std::string ext = extensionOf(path);
-  const Words title(row.title()), comment(row.comment()), grouping(row.grouping()),
-      genre(row.genre());
-  auto anyText = [&](auto&& test) { return test(title) || test(comment) || test(grouping); };
+  const uint32_t title = fieldSays(row.title()), comment = fieldSays(row.comment()),
+                 grouping = fieldSays(row.grouping()), genre = fieldSays(row.genre());
+  const uint32_t texts = title | comment | grouping;
 
   f.video = isVideoExtension(ext) || row.hasVideo == 1;
   const bool shortClip = row.durationMs && *row.durationMs > 0 && *row.durationMs < 45'000;
   f.sound = !f.video && (row.isProduction || shortClip);
   const bool longPlay = row.durationMs && *row.durationMs >= 15 * 60'000;
-  auto saysMix = [](const Words& w) {
-    return w.hasPair("dj", "mix") || w.has("mixtape") || w.hasPair("mix", "set") ||
-           w.hasPair("live", "set") || w.has("podcast") || w.hasPair("radio", "show");
-  };
-  f.mix = !f.video && !f.sound && (longPlay || saysMix(genre) || saysMix(grouping));
+  f.mix = !f.video && !f.sound && (longPlay || ((genre | grouping) & kMix));
 
-  auto saysStem = [](const Words& w) { return w.has("stem") || w.has("stems"); };
-  const Words file(lastPathComponent(path)), folders(path);
-  f.stem = saysStem(title) || saysStem(grouping) || saysStem(genre) ||
-           file.lowered().ends_with(".stem.mp4");
+  f.stem = ((title | grouping | genre) & kStem) || endsWithFolded(path, ".stem.mp4");
   f.uncompressed = ext == "wav" || ext == "aif" || ext == "aiff" || ext == "aifc";
   f.lossless = f.uncompressed || ext == "flac" || ext == "alac" ||
                (ext == "m4a" && row.bitrateKbps && *row.bitrateKbps >= 500);
 
-  f.acapella = anyText([](const Words& w) {
-    return w.has("acapella") || w.has("acappella") || w.has("accapella") ||
-           w.hasPair("a", "capella") || w.hasPair("a", "cappella");
-  });
-  f.instrumental = anyText([](const Words& w) { return w.has("instrumental"); }) ||
-                   title.contains("(inst)");
-  auto saysFx = [](const Words& w) {
-    return w.has("sfx") || w.has("fx") || w.hasPair("sound", "effect") ||
-           w.hasPair("sound", "effects") || w.has("foley");
-  };
-  f.soundFx = saysFx(genre) || saysFx(grouping) || folders.contains("/sfx/");
+  f.acapella = texts & kAcapella;
+  const Lowered t(row.title()), album(row.album());
+  f.instrumental = (texts & kInstrumental) || t.contains("(inst)");
+  f.soundFx = ((genre | grouping) & kFx) || containsFolded(path, "/sfx/");
+  // "Radio Edit" alone is the record's own version; any other edit is a DJ's.
+  f.remix = (title & kRemix) || (title & kEdit);
 
-  const bool radioEditOnly = title.hasPair("radio", "edit") && title.count("edit") == 1;
-  f.remix = title.has("remix") || (title.has("edit") && !radioEditOnly) || title.has("rework") ||
-            title.has("bootleg") || title.has("mashup") || title.has("refix") ||
-            title.hasPair("re", "edit") || title.has("flip") || title.has("vip") ||
-            title.hasPair("dub", "mix");
-
-  const Words album(row.album());
-  const std::string_view t = trim(title.lowered());
-  f.live = title.contains("(live") || title.contains("[live") || title.contains("live at ") ||
-           title.contains("live from ") || title.contains("live in ") || t.ends_with("- live") ||
+  f.live = t.contains("(live") || t.contains("[live") || t.contains("live at ") ||
+           t.contains("live from ") || t.contains("live in ") || t.endsWith("- live") ||
            album.contains("live at ") || album.contains("live in ") || album.contains("(live)") ||
-           album.contains("unplugged") || genre.only("live");
+           album.contains("unplugged") || (genre & kOnlyLive);
 
-  f.unreleased = anyText([](const Words& w) {
-    return w.has("unreleased") || w.has("dubplate") || w.has("forthcoming") || w.has("wip");
-  });
+  f.unreleased = texts & kUnreleased;
   f.released = !f.unreleased && (hasIsrc || (!trim(row.label()).empty() && !row.year().empty()));
   return f;
 }

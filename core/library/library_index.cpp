@@ -5,6 +5,7 @@
 #include <variant>
 
 #include "core/library/text_keys.h"
+#include "core/platform/os.h"
 #include "core/text/key_names.h"
 #include "core/text/path_norm.h"
 #include "core/text/split.h"
@@ -94,9 +95,13 @@ std::shared_ptr<const LibraryIndex> LibraryIndex::build(
     std::shared_ptr<const TrackSnapshot> snapshot, LibrarySets sets, Classify classify) {
   auto index = std::make_shared<LibraryIndex>();
   const auto& src = snapshot->rows;
-  auto rows = std::make_shared<std::vector<Row>>(src.size());
+  auto rows = std::make_shared<std::vector<Row>>();
+  rows->reserve(src.size());
+  platform::preferLargePages(rows->data(), rows->capacity() * sizeof(Row));
+  rows->resize(src.size());
   auto arena = std::make_shared<std::string>();
   arena->reserve(src.size() * 48);
+  platform::preferLargePages(arena->data(), arena->capacity());
   auto genres = std::make_shared<NameTable>(), names = std::make_shared<NameTable>(),
        albums = std::make_shared<NameTable>();
   auto byId = std::make_shared<std::unordered_map<int64_t, uint32_t>>();

@@ -44,17 +44,18 @@ LibrarySets loadSets(const OrvelDB& db) {
   return sets;
 }
 
-std::vector<int64_t> idsFound(const OrvelDB& db, std::string_view typed) {
+Found idsFound(const OrvelDB& db, std::string_view typed) {
   const std::string needle = searchNeedle(typed);
-  std::vector<int64_t> ids;
+  Found found;
   std::string text;
   db.tracks().forEachSearchable([&](int64_t id, std::string_view title, std::string_view artist,
                                     std::string_view album, std::string_view genre) {
+    ++found.looked;
     text.clear();
     appendSearchText(text, title, artist, album, genre);
-    if (searchFinds(text, needle)) ids.push_back(id);
+    if (searchFinds(text, needle)) found.ids.push_back(id);
   });
-  return ids;
+  return found;
 }
 
 std::shared_ptr<const LibraryIndex> loadIndex(OrvelDB& db, const LoadOptions& options) {

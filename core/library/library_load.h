@@ -29,7 +29,11 @@ std::unordered_set<int64_t> duplicateIds(const OrvelDB& db, const TrackSnapshot&
 
 // The live tracks a search finds, by the same rule as the library view,
 // read straight from the store without loading whole rows: a quick answer
-// for one question.
-std::vector<int64_t> idsFound(const OrvelDB& db, std::string_view typed);
+// for one question. `looked` counts the live tracks looked at.
+struct Found {
+  std::vector<int64_t> ids;
+  int64_t looked = 0;
+};
+Found idsFound(const OrvelDB& db, std::string_view typed);
 
 }  // namespace orvel::library

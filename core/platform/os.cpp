@@ -10,6 +10,9 @@
 #ifdef __APPLE__
 #include <mach-o/dyld.h>
 #endif
+#ifdef __linux__
+#include <sys/mman.h>
+#endif
 
 namespace orvel::platform {
 namespace fs = std::filesystem;
@@ -72,6 +75,18 @@ fs::path executablePath() {
   exe = fs::read_symlink("/proc/self/exe", ec);
 #endif
   return ec ? fs::path() : exe;
+}
+
+void preferLargePages([[maybe_unused]] void* buffer, [[maybe_unused]] size_t bytes) {
+#ifdef __linux__
+  // Transparent huge pages cover whole 2 MiB steps of the address space:
+  // the part of the buffer between its first and last such boundary.
+  constexpr uintptr_t kHuge = uintptr_t{2} << 20;
+  const auto start = reinterpret_cast<uintptr_t>(buffer);
+  const uintptr_t from = (start + kHuge - 1) & ~(kHuge - 1);
+  const uintptr_t to = (start + bytes) & ~(kHuge - 1);
+  if (to > from) ::madvise(reinterpret_cast<void*>(from), to - from, MADV_HUGEPAGE);
+#endif
 }
 
 }  // namespace orvel::platform

@@ -5,6 +5,7 @@
 
 #include <sys/stat.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -30,5 +31,11 @@ FileTimes fileTimes(const std::filesystem::path& file, const struct stat& st);
 // The file of the running program with symlinks resolved, or empty when the
 // system will not say.
 std::filesystem::path executablePath();
+
+// Asks for large pages behind a big buffer about to be filled (the loaded
+// library: tens of megabytes), so filling it costs a few page faults rather
+// than thousands. Only a hint: nothing happens where the system has no such
+// pages or does not want them.
+void preferLargePages(void* buffer, size_t bytes);
 
 }  // namespace orvel::platform

@@ -7,6 +7,7 @@
 #include <memory>
 #include <unordered_set>
 
+#include "core/platform/os.h"
 #include "core/store/log.h"
 #include "core/store/orvel_db.h"
 #include "core/store/track_values.h"
@@ -208,11 +209,6 @@ std::vector<TrackRow> TrackStore::loadAllTracks(std::optional<int64_t> limit) co
   return rows;
 }
 
-int64_t TrackStore::liveCount() const {
-  return conn_.scalarInt("SELECT COUNT(*) FROM tracks t WHERE " + std::string(kLiveTrackT))
-      .value_or(0);
-}
-
 void TrackStore::forEachSearchable(
     const std::function<void(int64_t, std::string_view, std::string_view, std::string_view,
                              std::string_view)>& visit) const {
@@ -232,6 +228,7 @@ std::shared_ptr<const TrackSnapshot> TrackStore::loadSnapshot() const {
   Statement st = conn_.prepare(selectColumns() + "WHERE " + std::string(kLiveTrackT));
   std::vector<TrackRow> read;
   read.reserve(static_cast<size_t>(conn_.count("tracks")));
+  platform::preferLargePages(read.data(), read.capacity() * sizeof(TrackRow));
   while (st.step()) readTrack(st, read.emplace_back());
   // The launch order: newest first, a missing date last, ties by higher id.
   // The order is found on small keys and each row moved once.

@@ -71,7 +71,6 @@ class TrackStore : public StoreArea {
   // stamped with the connection's change generation; share it with workers
   // as it is.
   std::shared_ptr<const TrackSnapshot> loadSnapshot() const;
-  int64_t liveCount() const;
   // Every live track's id and the four fields a search looks in, in no set
   // order: a search answers without reading whole rows.
   void forEachSearchable(

@@ -114,8 +114,17 @@ struct Listing {
 // same answer, the second in a fraction of the time.
 struct Loaded {
   std::shared_ptr<const library::LibraryIndex> index;
-  bool onlyFound = false;  // only the tracks a search found
+  std::optional<int64_t> libraryTotal;  // when the index holds only what a search found
 };
+
+// Whether a query looks at the sets the library keeps beside the rows.
+bool usesSets(const library::FilterQuery& q) {
+  using library::Category;
+  if (q.scope && (q.scope->key == "isrc" || q.scope->key == "artwork")) return true;
+  return q.source.kind == library::Source::Kind::category &&
+         (q.source.category == Category::damaged || q.source.category == Category::released ||
+          q.source.category == Category::duplicates);
+}
 
 Loaded libraryFor(OrvelDB& db, const library::FilterQuery& q) {
   library::LoadOptions load;
@@ -123,13 +132,16 @@ Loaded libraryFor(OrvelDB& db, const library::FilterQuery& q) {
                     q.source.category == library::Category::duplicates;
   // The duplicates are found over the whole library, so they read it all.
   if (library::searchNeedle(q.search).empty() || load.duplicates)
-    return {library::loadIndex(db, load), false};
-  auto found = std::make_shared<TrackSnapshot>();
-  found->rows = db.tracks().loadTracks(library::idsFound(db, q.search));
-  std::sort(found->rows.begin(), found->rows.end(), [](const TrackRow& a, const TrackRow& b) {
+    return {library::loadIndex(db, load), std::nullopt};
+  const library::Found found = library::idsFound(db, q.search);
+  auto rows = std::make_shared<TrackSnapshot>();
+  rows->rows = db.tracks().loadTracks(found.ids);
+  std::sort(rows->rows.begin(), rows->rows.end(), [](const TrackRow& a, const TrackRow& b) {
     return a.dateAdded != b.dateAdded ? a.dateAdded > b.dateAdded : a.id > b.id;
   });
-  return {library::LibraryIndex::build(found, library::loadSets(db)), true};
+  return {library::LibraryIndex::build(
+              rows, usesSets(q) ? library::loadSets(db) : library::LibrarySets{}),
+          found.looked};
 }
 
 Listing listTracks(OrvelDB& db, const ListOptions& o) {
@@ -141,8 +153,8 @@ Listing listTracks(OrvelDB& db, const ListOptions& o) {
     r.rows.resize(static_cast<size_t>(o.limit));
   Listing out;
   out.stats = r.stats;
-  // Over only what a search found, the library's own size is asked for.
-  if (!library::searchNeedle(q.search).empty()) out.stats.libraryTotal = db.tracks().liveCount();
+  // Over only what a search found, the library's size is what it looked at.
+  if (loaded.libraryTotal) out.stats.libraryTotal = *loaded.libraryTotal;
   out.rows.reserve(r.rows.size());
   for (uint32_t i : r.rows) out.rows.push_back(index->row(i));
   return out;
